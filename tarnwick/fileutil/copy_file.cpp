@@ -1,0 +1,60 @@
+#include <string.h>
+#include <sys/stat.h>
+
+#include "tarnwick/fileutil/fileutil.h"
+#include "tarnwick/platform/platform.h"
+
+namespace {
+
+// Chunk size of the copy: memory stays fixed however long a line is.
+const size_t kChunkSize = 128 * 1024;
+
+}  // namespace
+
+bool copy_file(std::string src, std::string dst) {
+  LOG(ERROR) << " ODM src path is " << src;
+  LOG(ERROR) << "ODM dest path is " << dst;
+  UniqueFile in = open_file(src, "r");
+  // Opened (and so truncated) whether or not the source opened.
+  UniqueFile out = open_file(dst, "w");
+  bool result = false;
+  if (!in) {
+    LOG(ERROR) << "ODM error is source file open";
+  } else {
+    result = true;
+    // The copy is the source's lines, each ended by a newline: the bytes as they
+    // are, plus a newline when the last line has none. Without a destination the
+    // lines are only counted, for the one error line each of them earns.
+    char chunk[kChunkSize];
+    size_t lines_without_dest = 0;
+    bool line_open = false;  // bytes read since the last newline
+    size_t n;
+    while ((n = fread(chunk, 1, sizeof(chunk), in.get())) > 0) {
+      if (out) {
+        fwrite(chunk, 1, n, out.get());
+      } else {
+        for (const char* p = chunk; (p = static_cast<const char*>(memchr(p, '\n', chunk + n - p)));
+             ++p) {
+          ++lines_without_dest;
+        }
+      }
+      line_open = chunk[n - 1] != '\n';
+    }
+    if (line_open) {
+      if (out) {
+        fputc('\n', out.get());
+      } else {
+        ++lines_without_dest;
+      }
+    }
+    for (size_t i = 0; i < lines_without_dest; ++i) {
+      LOG(ERROR) << "ODM error in dest file open";
+      result = false;
+    }
+  }
+  in.reset();
+  out.reset();
+  klog_write(3, "<3>ODM File copied successfully..!!: ");
+  chmod(dst.c_str(), 0644);
+  return result;
+}
