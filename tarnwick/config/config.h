@@ -1,0 +1,31 @@
+// The ODM configuration and model resolution: which source tree under
+// /vendor/etc/odm/ belongs to this device.
+#pragma once
+
+#include <string>
+
+#include "tarnwick/state.h"
+
+// Source trees are this prefix followed by a model name.
+inline constexpr char kModelTreePrefix[] = "/vendor/etc/odm/odm_";
+
+// Which caller a selection runs for; it picks the log texts and nothing else.
+enum SelectionVariant { kProvisioningRun, kImageNameQuery };
+
+// Reads /odm/etc/odmconfig.xml into ModelAliasMap and TargetAliasMap.
+void create_map_from_config();
+
+// Returns the key of the first entry of |table| whose value is |aliasName|,
+// or |aliasName| itself when none is.
+std::string get_model_name(std::string aliasName, AliasMap table);
+
+// The preliminary model: ro.vendor.product looked up in both tables, a target
+// match overriding a model match, "VX41" when the result is empty.
+std::string select_model_name(SelectionVariant variant);
+
+// The final model: |model| when its tree has a manifest, else the same name
+// without an "_RU" ending when that tree has one, else "VX41".
+std::string confirm_model_source(std::string model, SelectionVariant variant);
+
+// "automation" mode: publishes the final model in ro.vendor.odm_image.
+void getodmimagename();
