@@ -5,19 +5,23 @@
 
 #include <string>
 
+#include "tarnwick/config/config.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/platform/platform.h"
+#include "tarnwick/provision/provision.h"
 
 namespace {
 
 const char kInstalledStampPath[] = "/odm/odmver.txt";
 const char kDefaultStampPath[] = "/vendor/etc/odm/odm_default/odm/odmver.txt";
+const char kStampSuffix[] = "/odm/odmver.txt";
 
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc >= 2 && strcmp(argv[1], "automation") == 0) {
     LOG(ERROR) << "Entry [automation]tarnwick main";
+    getodmimagename();
     return 0;
   }
 
@@ -26,7 +30,8 @@ int main(int argc, char** argv) {
   property_get("ro.vendor.product", product, "");
   LOG(ERROR) << "tarnwick model_str ro.vendor.product value = " << product;
 
-  const std::string sku_stamp_path = std::string("/vendor/etc/odm/odm_") + product + "/odm/odmver.txt";
+  // The product text goes in as read: no look-up, no check, nothing for empty.
+  const std::string sku_stamp_path = kModelTreePrefix + std::string(product) + kStampSuffix;
   // All three are opened up front and stay open until main returns.
   UniqueFile installed_stamp = open_file(kInstalledStampPath, "r");
   UniqueFile sku_stamp = open_file(sku_stamp_path, "r");
@@ -50,6 +55,7 @@ int main(int argc, char** argv) {
 
   if (!installed_stamp) {
     LOG(ERROR) << "tarnwick odm version textfile not found";
+    reboot_device(source_line);
   } else {
     LOG(ERROR) << "odmver.txt file opened ";
     int first = getc(installed_stamp.get());
@@ -58,6 +64,7 @@ int main(int argc, char** argv) {
     LOG(ERROR) << "tarnwick  P odm fastboot empty file " << empty;
     if (empty) {
       LOG(ERROR) << "tarnwick FOUND P ODM  SO REBOOTING ";
+      reboot_device(source_line);
       return 0;
     }
     std::string installed_line;
@@ -72,6 +79,7 @@ int main(int argc, char** argv) {
       return 0;
     }
     LOG(ERROR) << "tarnwick  DIFF odm and vendor  version line ";
+    reboot_device(source_line);
   }
   LOG(ERROR) << "tarnwick returning from tarnwick main function ";
   return 0;

@@ -38,6 +38,26 @@ std::string prop(const std::string& root, const std::string& name) {
   return value == "<missing>" ? "<unset>" : value;
 }
 
+std::map<std::string, std::string> snapshot(const std::string& root, const std::string& rel) {
+  std::map<std::string, std::string> out;
+  const fs::path base = fs::path(root) / rel;
+  if (!fs::exists(base)) return out;
+  for (const auto& entry : fs::recursive_directory_iterator(base)) {
+    const std::string path = fs::relative(entry.path(), base).string();
+    auto mode = static_cast<unsigned>(entry.symlink_status().permissions());
+    std::string what = std::to_string(mode) + " ";
+    if (entry.is_symlink()) {
+      what += "link " + fs::read_symlink(entry.path()).string();
+    } else if (entry.is_directory()) {
+      what += "dir";
+    } else {
+      what += get(root, rel + "/" + path);
+    }
+    out[path] = what;
+  }
+  return out;
+}
+
 Start boot(const std::string& root, const std::vector<std::string>& args,
            const std::vector<std::string>& runner_options) {
   std::vector<std::string> argv = {RUN_DEVICE, "--program", TARNWICK_PROGRAM};

@@ -2,6 +2,7 @@
 // root on the host, and one start of tarnwick over it through tools/run-device.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,9 @@ void put(const std::string& root, const std::string& rel, const std::string& con
 std::string get(const std::string& root, const std::string& rel);
 // The value a property had at the end of the last start, or "<unset>".
 std::string prop(const std::string& root, const std::string& name);
+
+// Every path under |root|/|rel| with its type, mode and content (or link target).
+std::map<std::string, std::string> snapshot(const std::string& root, const std::string& rel);
 
 // Runs one device start; |args| go to the program.
 Start boot(const std::string& root, const std::vector<std::string>& args = {},
