@@ -1,7 +1,9 @@
 #include "tarnwick/provision/provision.h"
 
+#include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "tarnwick/config/config.h"
 #include "tarnwick/fileutil/fileutil.h"
@@ -29,6 +31,15 @@ void remove_stale_manifests(const std::string& model) {
       "/odm/etc/vintf/manifest.xml",
   };
   for (const std::string& path : stale) remove(path.c_str());
+}
+
+// Flushes the file system that holds /odm, so that the installed files are on
+// the disk before the stamp that vouches for them. Failures are ignored.
+void flush_odm() {
+  int fd = open("/odm", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  syncfs(fd);
+  close(fd);
 }
 
 // True when the device is to restart: always, unless /odm/fbe.ini says "file"
@@ -72,8 +83,13 @@ void reboot_device(std::string version_line) {
     return;
   }
   LOG(ERROR) << "Entering device reboot";
+  // An interrupted run is repeated at the next start only if the stamp reaches
+  // the disk after everything it stands for, and before the restart.
+  flush_odm();
   if (UniqueFile stamp = open_file(kInstalledStampPath, "w")) {
     fwrite(version_line.data(), 1, version_line.size(), stamp.get());
+    fflush(stamp.get());
+    fsync(fileno(stamp.get()));
   }
   property_set("ro.vendor.odm_restart", "1");
   LOG(ERROR) << "ODM  REBOOTING DEVICE as FILE NOT PRESENT";
