@@ -39,6 +39,8 @@ bool copy_file(std::string src, std::string dst) {
         }
       }
       line_open = chunk[n - 1] != '\n';
+      // A short count means the end of the file or a read error; either ends the copy.
+      if (n < sizeof(chunk)) break;
     }
     if (line_open) {
       if (out) {
