@@ -3,7 +3,6 @@
 #include <android-base/logging.h>
 #include <grp.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -55,17 +54,16 @@ mode_t file_mode(const std::string& path) {
 }
 
 int run_unprivileged(const std::function<int()>& body) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    if (setgroups(0, nullptr) != 0 || setresgid(1000, 1000, 1000) != 0 ||
-        setresuid(1000, 1000, 1000) != 0) {
-      _exit(kCannotDropPrivileges);
-    }
-    _exit(body());
+  // Only the effective ids change: the real and saved uid stay 0, so the test
+  // can come back. (No fork: it does not survive user-mode emulation.)
+  if (setgroups(0, nullptr) != 0 || setresgid(-1, 1000, -1) != 0) return kCannotDropPrivileges;
+  if (setresuid(-1, 1000, -1) != 0) {
+    setresgid(-1, 0, -1);
+    return kCannotDropPrivileges;
   }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 200;
+  int result = body();
+  if (setresuid(-1, 0, -1) != 0 || setresgid(-1, 0, -1) != 0) abort();
+  return result;
 }
 
 void DeviceTest::SetUp() {

@@ -20,8 +20,8 @@ void drop_prop(const std::string& name);
 // The value file of |name| ("<unset>" when there is none).
 std::string stored_prop(const std::string& name);
 mode_t file_mode(const std::string& path);
-// Runs |body| in a child process as the unprivileged uid 1000; returns its exit
-// status, or kCannotDropPrivileges when the test does not run as root.
+// Runs |body| with the effective uid and gid 1000; returns its result, or
+// kCannotDropPrivileges when the test does not run as root.
 inline constexpr int kCannotDropPrivileges = 100;
 int run_unprivileged(const std::function<int()>& body);
 #define SKIP_UNLESS_PRIVILEGED(status) \

@@ -2,6 +2,7 @@
 // scratch device root and starts itself there through tools/run-device.
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,12 +38,11 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
     args.push_back(nullptr);
     setenv("TARNWICK_IN_DEVICE", "1", 1);
-    // The root is left behind only when the exec itself fails.
-    pid_t pid = fork();
-    if (pid == 0) {
-      execv(RUN_DEVICE, const_cast<char* const*>(args.data()));
+    pid_t pid;
+    if (posix_spawn(&pid, RUN_DEVICE, nullptr, nullptr, const_cast<char* const*>(args.data()),
+                    environ) != 0) {
       perror(RUN_DEVICE);
-      _exit(127);
+      return 2;
     }
     int status = 0;
     waitpid(pid, &status, 0);

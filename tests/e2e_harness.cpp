@@ -1,5 +1,7 @@
 #include "tests/e2e_harness.h"
 
+#include <fcntl.h>
+#include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -71,13 +73,13 @@ Start boot(const std::string& root, const std::vector<std::string>& args,
 
   const std::string log_path = root + ".log";
   Start start;
-  pid_t pid = fork();
-  if (pid == 0) {
-    FILE* log = freopen(log_path.c_str(), "w", stderr);
-    if (log == nullptr) _exit(126);
-    execv(cargv[0], cargv.data());
-    _exit(127);
-  }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 2, log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  pid_t pid;
+  int spawned = posix_spawn(&pid, cargv[0], &actions, nullptr, cargv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) return start;
   int status = 0;
   waitpid(pid, &status, 0);
   start.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
