@@ -13,11 +13,29 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 Pairs pairs_of(const AliasMap& table) { return Pairs(table.begin(), table.end()); }
 
+// A document, and the tables and log lines loading it gives.
+struct LoadCase {
+  const char* name;
+  std::string xml;
+  Pairs models, targets;
+  Lines lines;
+};
+
 class ConfigLoaderTest : public DeviceTest {
  protected:
   void Load(const std::string& xml) {
     write_file(kConfig, xml);
     create_map_from_config();
+  }
+  void ExpectLoads(const std::vector<LoadCase>& cases) {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c.name);
+      SetUp();
+      Load(c.xml);
+      EXPECT_EQ(pairs_of(ModelAliasMap), c.models);
+      EXPECT_EQ(pairs_of(TargetAliasMap), c.targets);
+      EXPECT_EQ(TakeLog(), c.lines);
+    }
   }
 };
 
@@ -62,12 +80,7 @@ TEST_F(ConfigLoaderTest, ExampleDocument) {
 }
 
 TEST_F(ConfigLoaderTest, ListRules) {
-  struct Case {
-    const char* name;
-    std::string xml;
-    Pairs models, targets;
-    Lines lines;
-  } cases[] = {
+  ExpectLoads({
       {"elements before the first model are passed over",
        "<c><x name='skip'><alias>s</alias></x><model name='m'><alias>a</alias></model>"
        "<setup_odm/></c>",
@@ -108,15 +121,7 @@ TEST_F(ConfigLoaderTest, ListRules) {
       {"the walk stops at the first setup_odm; later models are not read",
        "<c><model name='m'/><setup_odm/><model name='late'><alias>z</alias></model></c>", {}, {},
        {"attribute m", "element name setup_odm", "Breaking Bad", "--END OF FISRT LOOP--- "}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    SetUp();
-    Load(c.xml);
-    EXPECT_EQ(pairs_of(ModelAliasMap), c.models);
-    EXPECT_EQ(pairs_of(TargetAliasMap), c.targets);
-    EXPECT_EQ(TakeLog(), c.lines);
-  }
+  });
 }
 
 TEST_F(ConfigLoaderTest, PropertyGuardedBlocks) {
@@ -166,12 +171,7 @@ TEST_F(ConfigLoaderTest, EveryMatchingBlockContributesInOrder) {
 }
 
 TEST_F(ConfigLoaderTest, DocumentsOutsideTheListRules) {
-  struct Case {
-    const char* name;
-    std::string xml;
-    Pairs models, targets;
-    Lines lines;
-  } cases[] = {
+  ExpectLoads({
       {"no setup_odm after the models: the list ends after the last sibling",
        "<c><model name='m1'><alias>a</alias></model><model name='m2'/></c>", {{"m1", "a"}}, {},
        {"attribute m1", "a", "element name model", "attribute m2", "--END OF FISRT LOOP--- "}},
@@ -198,15 +198,7 @@ TEST_F(ConfigLoaderTest, DocumentsOutsideTheListRules) {
       {"no setup_odm child at all: empty setup section",
        "<c><model name='m'><alias>a</alias></model></c>", {{"m", "a"}}, {},
        {"attribute m", "a", "--END OF FISRT LOOP--- "}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    SetUp();
-    Load(c.xml);
-    EXPECT_EQ(pairs_of(ModelAliasMap), c.models);
-    EXPECT_EQ(pairs_of(TargetAliasMap), c.targets);
-    EXPECT_EQ(TakeLog(), c.lines);
-  }
+  });
 }
 
 TEST_F(ConfigLoaderTest, NothingToReadLeavesTablesAsTheyWere) {
