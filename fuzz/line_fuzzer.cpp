@@ -1,5 +1,6 @@
-// The line reader behind the stamps' last line, and the fbe.ini reader,
-// against a plain model of the line rules.
+// The line reader the version gate takes each stamp's last line with, and the
+// fbe.ini reader, against a plain model of the line rules: lines end at '\n',
+// a last line without one still counts, a final '\n' starts no further line.
 #include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -24,7 +25,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string bytes(reinterpret_cast<const char*>(data), size);
   put_file(kPath, bytes);
 
-  // The model: lines end at '\n'; a final '\n' starts no further line.
   size_t lines = 0;
   std::string last;
   for (size_t start = 0; start < bytes.size();) {
@@ -35,18 +35,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     start = end + 1;
   }
 
+  // As the version gate reads a stamp: every line in turn, the last one wins.
   size_t read_lines = 0;
   std::string line;
   std::string read_last;
   UniqueFile file = open_file(kPath, "r");
+  if (!file) abort();
   while (read_line(file.get(), &line)) {
     ++read_lines;
     read_last = line;
   }
-  if (read_lines != lines || read_last != last) abort();
+  if (read_lines != lines || read_last != last || !line.empty()) abort();
 
-  const std::string mode = readData(kPath);
-  const std::string expected = lines == 0 ? "" : last.find("file") != std::string::npos ? "file" : "block";
-  if (mode != expected) abort();
+  std::string expected;
+  if (lines > 0) expected = last.find("file") != std::string::npos ? "file" : "block";
+  if (readData(kPath) != expected) abort();
   return 0;
 }
