@@ -6,8 +6,9 @@
 
 namespace {
 
-// Chunk size of the copy: memory stays fixed however long a line is.
-const size_t kChunkSize = 128 * 1024;
+// Chunk size of the copy: memory stays fixed however long a line is, and
+// large chunks keep the copy as fast as cp's.
+const size_t kChunkSize = 1024 * 1024;
 
 }  // namespace
 
@@ -25,11 +26,12 @@ bool copy_file(std::string src, std::string dst) {
     // The copy is the source's lines, each ended by a newline: the bytes as they
     // are, plus a newline when the last line has none. Without a destination the
     // lines are only counted, for the one error line each of them earns.
-    char chunk[kChunkSize];
+    std::unique_ptr<char[]> buffer(new char[kChunkSize]);
+    char* const chunk = buffer.get();
     size_t lines_without_dest = 0;
     bool line_open = false;  // bytes read since the last newline
     size_t n;
-    while ((n = fread(chunk, 1, sizeof(chunk), in.get())) > 0) {
+    while ((n = fread(chunk, 1, kChunkSize, in.get())) > 0) {
       if (out) {
         fwrite(chunk, 1, n, out.get());
       } else {
@@ -40,7 +42,7 @@ bool copy_file(std::string src, std::string dst) {
       }
       line_open = chunk[n - 1] != '\n';
       // A short count means the end of the file or a read error; either ends the copy.
-      if (n < sizeof(chunk)) break;
+      if (n < kChunkSize) break;
     }
     if (line_open) {
       if (out) {
