@@ -66,7 +66,7 @@ void read_block_targets(const XMLElement* block) {
 // to the parser: it sizes its buffer by seeking to the end, which a directory
 // answers with a nonsense length.
 void load_config(tinyxml2::XMLDocument* document) {
-  UniqueFile file = open_file(kConfigPath, "rb");
+  UniqueFile file = open_file(kConfigPath, "r");
   struct stat st;
   if (!file || fstat(fileno(file.get()), &st) != 0 || !S_ISREG(st.st_mode)) return;
   document->LoadFile(file.get());

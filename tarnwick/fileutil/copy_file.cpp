@@ -1,14 +1,19 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <memory>
+#include <new>
+
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/platform/platform.h"
 
 namespace {
 
 // Chunk size of the copy: memory stays fixed however long a line is, and
-// large chunks keep the copy as fast as cp's.
+// large chunks keep the copy as fast as cp's. When the heap cannot give that
+// much, a small chunk on the stack does the same work more slowly.
 const size_t kChunkSize = 1024 * 1024;
+const size_t kSmallChunkSize = 16 * 1024;
 
 }  // namespace
 
@@ -26,12 +31,14 @@ bool copy_file(std::string src, std::string dst) {
     // The copy is the source's lines, each ended by a newline: the bytes as they
     // are, plus a newline when the last line has none. Without a destination the
     // lines are only counted, for the one error line each of them earns.
-    std::unique_ptr<char[]> buffer(new char[kChunkSize]);
-    char* const chunk = buffer.get();
+    char small_chunk[kSmallChunkSize];
+    std::unique_ptr<char[]> buffer(new (std::nothrow) char[kChunkSize]);
+    char* const chunk = buffer ? buffer.get() : small_chunk;
+    const size_t chunk_size = buffer ? kChunkSize : kSmallChunkSize;
     size_t lines_without_dest = 0;
     bool line_open = false;  // bytes read since the last newline
     size_t n;
-    while ((n = fread(chunk, 1, kChunkSize, in.get())) > 0) {
+    while ((n = fread(chunk, 1, chunk_size, in.get())) > 0) {
       if (out) {
         fwrite(chunk, 1, n, out.get());
       } else {
@@ -42,7 +49,7 @@ bool copy_file(std::string src, std::string dst) {
       }
       line_open = chunk[n - 1] != '\n';
       // A short count means the end of the file or a read error; either ends the copy.
-      if (n < kChunkSize) break;
+      if (n < chunk_size) break;
     }
     if (line_open) {
       if (out) {

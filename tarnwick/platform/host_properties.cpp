@@ -45,8 +45,10 @@ ssize_t read_prefix(const std::string& path, char* buf, size_t size) {
 }
 
 // Replaces the file at |path| with |value|: written beside it, then renamed.
+// The temporary name starts with a dot, which no property name can, so one
+// left behind by a crash never reads as a property.
 int write_atomically(const std::string& path, const char* value) {
-  std::string tmp = path + ".tmp" + std::to_string(getpid());
+  std::string tmp = std::string(tarnwick_host::kPropertyDir) + "/.tmp." + std::to_string(getpid());
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return -1;
   size_t length = strlen(value);
