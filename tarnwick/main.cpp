@@ -7,16 +7,9 @@
 
 #include "tarnwick/config/config.h"
 #include "tarnwick/fileutil/fileutil.h"
+#include "tarnwick/paths.h"
 #include "tarnwick/platform/platform.h"
 #include "tarnwick/provision/provision.h"
-
-namespace {
-
-const char kInstalledStampPath[] = "/odm/odmver.txt";
-const char kDefaultStampPath[] = "/vendor/etc/odm/odm_default/odm/odmver.txt";
-const char kStampSuffix[] = "/odm/odmver.txt";
-
-}  // namespace
 
 int main(int argc, char** argv) {
   if (argc >= 2 && strcmp(argv[1], "automation") == 0) {
@@ -30,11 +23,9 @@ int main(int argc, char** argv) {
   property_get("ro.vendor.product", product, "");
   LOG(ERROR) << "tarnwick model_str ro.vendor.product value = " << product;
 
-  // The product text goes in as read: no look-up, no check, nothing for empty.
-  const std::string sku_stamp_path = kModelTreePrefix + std::string(product) + kStampSuffix;
   // All three are opened up front and stay open until main returns.
   UniqueFile installed_stamp = open_file(kInstalledStampPath, "r");
-  UniqueFile sku_stamp = open_file(sku_stamp_path, "r");
+  UniqueFile sku_stamp = open_file(sku_stamp_path(product), "r");
   UniqueFile default_stamp = open_file(kDefaultStampPath, "r");
   LOG(ERROR) << "before opening odmver.txt file ";
 

@@ -4,10 +4,14 @@
 
 #include <string>
 
+#include "tarnwick/paths.h"
 #include "tarnwick/state.h"
 
-// Source trees are this prefix followed by a model name.
-inline constexpr char kModelTreePrefix[] = "/vendor/etc/odm/odm_";
+// The model used when the look-ups give nothing, and when no tree has a manifest.
+inline constexpr char kDefaultModel[] = "VX41";
+
+// The manifest whose presence makes a model's source tree usable.
+std::string source_manifest_path(const std::string& model);
 
 // Which caller a selection runs for; it picks the log texts and nothing else.
 enum SelectionVariant { kProvisioningRun, kImageNameQuery };

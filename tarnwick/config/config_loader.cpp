@@ -1,8 +1,8 @@
 #include <string.h>
 #include <sys/stat.h>
-#include <tinyxml2.h>
 
 #include "tarnwick/config/config.h"
+#include "tarnwick/config/config_document.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/platform/platform.h"
 
@@ -10,33 +10,13 @@ using tinyxml2::XMLElement;
 
 namespace {
 
-const char kConfigPath[] = "/odm/etc/odmconfig.xml";
-
 bool is_named(const XMLElement* element, const char* name) {
   return strcmp(element->Name(), name) == 0;
 }
 
-// Returns the text of |element| when its first child node is text, else null.
-// (tinyxml2's GetText() would look past a leading comment.)
-const char* text_of(const XMLElement* element) {
-  const tinyxml2::XMLNode* first = element->FirstChild();
-  const tinyxml2::XMLText* text = first != nullptr ? first->ToText() : nullptr;
-  return text != nullptr ? text->Value() : nullptr;
-}
-
-// Returns the next sibling of |element| that the model list reads: "setup_odm",
-// which closes the list, or an element with a "name". Others are passed over.
-const XMLElement* next_model(const XMLElement* element) {
-  do {
-    element = element->NextSiblingElement();
-  } while (element != nullptr && !is_named(element, "setup_odm") &&
-           element->Attribute("name") == nullptr);
-  return element;
-}
-
 // Adds (|model_name|, text) to ModelAliasMap for each alias of |model| that has text.
 void read_model_aliases(const XMLElement* model, const char* model_name) {
-  for (const XMLElement* alias = model->FirstChildElement("alias"); alias != nullptr;
+  for (const XMLElement* alias = first_alias(model); alias != nullptr;
        alias = alias->NextSiblingElement()) {
     const char* text = text_of(alias);
     if (text == nullptr) continue;
@@ -47,11 +27,11 @@ void read_model_aliases(const XMLElement* model, const char* model_name) {
 
 // Adds (target name, text) to TargetAliasMap for each alias of each named target of |block|.
 void read_block_targets(const XMLElement* block) {
-  for (const XMLElement* target = block->FirstChildElement("target"); target != nullptr;
+  for (const XMLElement* target = first_target(block); target != nullptr;
        target = target->NextSiblingElement()) {
     const char* target_name = target->Attribute("name");
     if (target_name == nullptr) continue;
-    for (const XMLElement* alias = target->FirstChildElement("alias"); alias != nullptr;
+    for (const XMLElement* alias = first_alias(target); alias != nullptr;
          alias = alias->NextSiblingElement()) {
       const char* text = text_of(alias);
       if (text == nullptr) continue;
@@ -62,9 +42,10 @@ void read_block_targets(const XMLElement* block) {
   }
 }
 
-// Loads |document| from the configuration file. Only a regular file is handed
-// to the parser: it sizes its buffer by seeking to the end, which a directory
-// answers with a nonsense length.
+}  // namespace
+
+// Only a regular file is handed to the parser: it sizes its buffer by seeking
+// to the end, which a directory answers with a nonsense length.
 void load_config(tinyxml2::XMLDocument* document) {
   UniqueFile file = open_file(kConfigPath, "r");
   struct stat st;
@@ -72,7 +53,37 @@ void load_config(tinyxml2::XMLDocument* document) {
   document->LoadFile(file.get());
 }
 
-}  // namespace
+const XMLElement* first_model(const XMLElement* root) { return root->FirstChildElement("model"); }
+
+const XMLElement* next_model(const XMLElement* element) {
+  do {
+    element = element->NextSiblingElement();
+  } while (element != nullptr && !closes_model_list(element) &&
+           element->Attribute("name") == nullptr);
+  return element;
+}
+
+bool closes_model_list(const XMLElement* element) { return is_named(element, "setup_odm"); }
+
+const XMLElement* setup_section(const XMLElement* root) {
+  return root->FirstChildElement("setup_odm");
+}
+
+const XMLElement* first_block(const XMLElement* setup) {
+  return setup->FirstChildElement("prop_value");
+}
+
+const XMLElement* first_target(const XMLElement* block) {
+  return block->FirstChildElement("target");
+}
+
+const XMLElement* first_alias(const XMLElement* owner) { return owner->FirstChildElement("alias"); }
+
+const char* text_of(const XMLElement* alias) {
+  const tinyxml2::XMLNode* first = alias->FirstChild();
+  const tinyxml2::XMLText* text = first != nullptr ? first->ToText() : nullptr;
+  return text != nullptr ? text->Value() : nullptr;
+}
 
 void create_map_from_config() {
   tinyxml2::XMLDocument document(true /* processEntities */);
@@ -82,7 +93,7 @@ void create_map_from_config() {
 
   // The model list runs from the first "model" to "setup_odm", whatever the
   // names of the elements between.
-  const XMLElement* model = root->FirstChildElement("model");
+  const XMLElement* model = first_model(root);
   while (model != nullptr) {
     if (const char* model_name = model->Attribute("name")) {
       LOG(ERROR) << "attribute " << model_name;
@@ -91,16 +102,16 @@ void create_map_from_config() {
     model = next_model(model);
     if (model == nullptr) break;
     LOG(ERROR) << "element name " << model->Name();
-    if (is_named(model, "setup_odm")) {
+    if (closes_model_list(model)) {
       LOG(ERROR) << "Breaking Bad";
       break;
     }
   }
   LOG(ERROR) << "--END OF FISRT LOOP--- ";
 
-  const XMLElement* setup = root->FirstChildElement("setup_odm");
-  const XMLElement* block = setup != nullptr ? setup->FirstChildElement("prop_value") : nullptr;
-  for (; block != nullptr; block = block->NextSiblingElement()) {
+  const XMLElement* setup = setup_section(root);
+  for (const XMLElement* block = setup != nullptr ? first_block(setup) : nullptr; block != nullptr;
+       block = block->NextSiblingElement()) {
     const char* config_name = block->Attribute("config_name");
     const char* config_value = block->Attribute("config_value");
     if (config_name == nullptr || config_value == nullptr) continue;

@@ -4,13 +4,7 @@
 
 namespace {
 
-// Used when the look-ups give nothing, and when no tree has a manifest.
-const char kDefaultModel[] = "VX41";
 const char kRegionalSuffix[] = "_RU";
-
-std::string source_manifest_path(const std::string& model) {
-  return kModelTreePrefix + model + "/odm/etc/vintf/manifest.xml";
-}
 
 bool ends_with_regional_suffix(const std::string& model) {
   const size_t n = sizeof(kRegionalSuffix) - 1;
@@ -18,6 +12,10 @@ bool ends_with_regional_suffix(const std::string& model) {
 }
 
 }  // namespace
+
+std::string source_manifest_path(const std::string& model) {
+  return kModelTreePrefix + model + "/odm/etc/vintf/manifest.xml";
+}
 
 std::string select_model_name(SelectionVariant variant) {
   const bool query = variant == kImageNameQuery;

@@ -12,26 +12,8 @@
 
 namespace {
 
-const char kDefaultConfigPath[] = "/vendor/etc/odm/odm_default/odm/etc/odmconfig.xml";
-const char kConfigPath[] = "/odm/etc/odmconfig.xml";
 const char kEncryptionModePath[] = "/odm/fbe.ini";
-const char kInstalledStampPath[] = "/odm/odmver.txt";
 const char kRestartReason[] = "tarnwick";
-
-// Removes the manifests a former install may have left under other names;
-// |model| is the preliminary model.
-void remove_stale_manifests(const std::string& model) {
-  const std::string stale[] = {
-      "/odm/etc/vintf/manifest_" + model + ".xml",
-      "/odm/etc/manifest_" + model + ".xml",
-      "/odm/etc/vintf/manifest_" + model + "DS.xml",
-      "/odm/etc/vintf/manifest_" + model + "SS.xml",
-      "/odm/etc/manifest_" + model + "DS.xml",
-      "/odm/etc/manifest_" + model + "SS.xml",
-      "/odm/etc/vintf/manifest.xml",
-  };
-  for (const std::string& path : stale) remove(path.c_str());
-}
 
 // Flushes the file system that holds /odm, so that the installed files are on
 // the disk before the stamp that vouches for them. Failures are ignored.
@@ -53,6 +35,22 @@ bool restart_wanted() {
 
 }  // namespace
 
+std::string source_etc_dir(const std::string& model) {
+  return kModelTreePrefix + model + "/odm/etc/";
+}
+
+std::vector<std::string> stale_manifest_paths(const std::string& model) {
+  return {
+      "/odm/etc/vintf/manifest_" + model + ".xml",
+      "/odm/etc/manifest_" + model + ".xml",
+      "/odm/etc/vintf/manifest_" + model + "DS.xml",
+      "/odm/etc/vintf/manifest_" + model + "SS.xml",
+      "/odm/etc/manifest_" + model + "DS.xml",
+      "/odm/etc/manifest_" + model + "SS.xml",
+      "/odm/etc/vintf/manifest.xml",
+  };
+}
+
 void reboot_device(std::string version_line) {
   LOG(ERROR) << "NOT FOUND odmver.txt  deleting old and coping new";
   mkdir("/odm/etc", 0775);
@@ -63,19 +61,16 @@ void reboot_device(std::string version_line) {
 
   const std::string preliminary = select_model_name(kProvisioningRun);
   LOG(ERROR) << "now deleteing O files";
-  remove_stale_manifests(preliminary);
+  for (const std::string& path : stale_manifest_paths(preliminary)) remove(path.c_str());
   const std::string model = confirm_model_source(preliminary, kProvisioningRun);
 
-  const std::string etc_dir = kModelTreePrefix + model + "/odm/etc/";
-  const std::string manifest = etc_dir + "vintf/manifest.xml";
-  LOG(ERROR) << "model name is " << manifest;
+  const std::string etc_dir = source_etc_dir(model);
+  LOG(ERROR) << "model name is " << source_manifest_path(model);
   get_all_files(etc_dir);
-  copy_file(manifest, "/odm/etc/vintf/manifest.xml");
-  copy_file(etc_dir + "permissions/unavailable_features.xml",
-            "/odm/etc/permissions/unavailable_features.xml");
+  for (const char* name : kFixedInstalls) copy_file(etc_dir + name, kOdmEtcDir + std::string(name));
   for (const std::string& name : OdmFileList) {
     LOG(ERROR) << "ODM ETC FILES ARE " << name;
-    copy_file(etc_dir + name, "/odm/etc/" + name);
+    copy_file(etc_dir + name, kOdmEtcDir + name);
   }
 
   if (!restart_wanted()) {

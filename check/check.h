@@ -1,0 +1,111 @@
+// tarnwick-check: what tarnwick does with a vendor ODM tree, worked out by the
+// program's own library inside the device sandbox, whose /vendor/etc/odm is
+// the tree.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+// Where the host part puts what the inner run needs, seen from inside.
+inline constexpr char kCheckConfig[] = "/vendor/tarnwick-check/odmconfig.xml";
+inline constexpr char kCheckInstalled[] = "/vendor/tarnwick-check/installed";
+
+struct Options {
+  std::string tree;                      // as given on the command line
+  std::string config;                    // --config FILE, or empty
+  std::string installed;                 // --installed DIR, or empty
+  std::optional<std::vector<std::string>> products;  // --product texts
+  std::map<std::string, std::string> props;          // --prop NAME=VALUE
+  bool json = false;
+  bool strict = false;
+};
+
+struct Finding {
+  std::string code;
+  bool error = false;
+  std::string subject;
+  std::string message;
+  std::string advice;
+};
+
+// A value of each tested property, in name order; nullopt: unset.
+using Setting = std::vector<std::pair<std::string, std::optional<std::string>>>;
+
+// Product texts and settings that give the same answer.
+struct Row {
+  std::vector<std::string> products;
+  std::vector<size_t> settings;  // indexes into Report::settings
+  std::string when;              // the settings in words
+  std::string preliminary, final_model, why;
+  std::string stamp;             // the source stamp its products use
+  std::optional<bool> provisions;  // with --installed: whether the next start provisions
+};
+
+struct Tree {
+  std::string model;
+  std::vector<std::string> installs;                           // relative to /odm/etc/
+  std::vector<std::pair<std::string, std::string>> left_out;  // name, what it is
+  std::map<std::string, std::vector<std::string>> removes;    // preliminary model -> paths
+};
+
+struct Stamp {
+  std::string path;           // the source stamp, or the default one when missing
+  std::vector<std::string> products;
+  std::string version_line;   // what a provisioning run records
+  bool restarts_every_start = false;
+};
+
+struct Report {
+  std::string config;                                        // which configuration, in words
+  // The tested properties and the values each takes (nullopt: unset).
+  std::vector<std::pair<std::string, std::vector<std::optional<std::string>>>> tested;
+  std::vector<Setting> settings;
+  size_t product_count = 0;
+  std::vector<Row> rows;
+  std::vector<Tree> trees;
+  std::vector<Stamp> stamps;
+  std::vector<Finding> findings;
+};
+
+// Adds a finding to |report|.
+void add_finding(Report* report, std::string code, bool error, std::string subject,
+                 std::string message, std::string advice);
+
+// Each step fills its part of the report. They run inside the sandbox, in this
+// order, with the program's log silenced.
+// The document at /odm/etc/odmconfig.xml: findings, and the property tests of
+// its blocks (property name -> values named).
+std::map<std::string, std::set<std::string>> scan_config(const std::string& label, Report* report);
+// The policy type of a property that a vendor service reads as empty on a
+// device, or null; |never| tells whether no rule can change that.
+const char* unreadable_type(const std::string& name, bool* never);
+// The resolution table, and the findings about aliases and model names; false
+// when the tested properties have too many settings to show.
+bool resolve(const Options& options, const std::map<std::string, std::set<std::string>>& tests,
+             Report* report);
+// Per final tree: installs, leave-outs, removals; source stamps; the next start
+// on --installed. Runs the program itself for what only a start can tell;
+// false when it could not.
+bool examine_trees(const Options& options, Report* report);
+
+// Makes /odm what a provisioning run would start from: empty, or a copy of
+// --installed; with the configuration the run reads at /odm/etc/odmconfig.xml.
+void prepare_odm(const Options& options, bool with_installed);
+
+// Writes the property store of one start: |setting|, the --prop values and
+// the product text; everything else unset.
+void write_properties(const Options& options, const Setting& setting, const std::string& product);
+
+// |path| under /vendor/etc/odm, relative to it.
+std::string in_tree(const std::string& path);
+
+// |text| as it is when it is a plain name, else in quotes with bytes other
+// than printable ASCII escaped.
+std::string shown(const std::string& text);
+
+void print_text(const Options& options, const Report& report);
+void print_json(const Options& options, const Report& report);

@@ -1,0 +1,197 @@
+// tarnwick-check: explains and checks a vendor ODM tree before it ships. The
+// host part validates the command line and starts the inner part in the device
+// sandbox, whose /vendor/etc/odm is the tree; the inner part asks the
+// program's library (and, for device starts, the program) and reports.
+#include <android-base/logging.h>
+#include <dirent.h>
+#include <getopt.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <filesystem>
+
+#include "check/check.h"
+#include "host/device_sandbox.h"
+#include "tarnwick/fileutil/fileutil.h"
+#include "tarnwick/paths.h"
+#include "tarnwick/platform/host_cutils.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const char kUsage[] = R"(Usage: tarnwick-check [options] VENDOR_ODM_DIR
+
+Explains what tarnwick will do with a vendor ODM tree, before the image is
+built: the model and tree each product text gets, what a provisioning run
+installs from each tree, and what will go wrong on a device.
+
+VENDOR_ODM_DIR is the directory that becomes /vendor/etc/odm (it holds
+odm_default/ and the odm_<model>/ trees); a device root is accepted too.
+
+Options:
+  --config FILE      resolve with this configuration, as if it were
+                     odm_default's (default: odm_default's, which a
+                     provisioning run installs first)
+  --product TEXT     a product text to resolve (repeatable; default: every
+                     alias, model and target name, tree name, and "")
+  --prop NAME=VALUE  fix a property (repeatable; by default each property a
+                     block tests takes each value the blocks name, and unset)
+  --installed DIR    an existing /odm: tell what its next start does
+  --json             print one JSON document instead of the report
+  --strict           warnings fail too
+  -h, --help         show this text
+
+Exit status: 0 without errors, 1 with errors (or warnings under --strict),
+2 on a usage error or an unreadable directory.
+)";
+
+bool readable_dir(const std::string& path) {
+  std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(path.c_str()), closedir);
+  return dir != nullptr;
+}
+
+int usage_error(const std::string& message) {
+  fprintf(stderr, "tarnwick-check: %s (see --help)\n", message.c_str());
+  return 2;
+}
+
+// Parses the command line into |options|; returns -1 to go on, else the exit status.
+int parse(int argc, char** argv, Options* options) {
+  static const option kLong[] = {
+      {"config", required_argument, nullptr, 'c'}, {"product", required_argument, nullptr, 'p'},
+      {"prop", required_argument, nullptr, 'P'},   {"installed", required_argument, nullptr, 'i'},
+      {"json", no_argument, nullptr, 'j'},         {"strict", no_argument, nullptr, 's'},
+      {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0}};
+  opterr = 0;
+  int c;
+  while ((c = getopt_long(argc, argv, ":h", kLong, nullptr)) != -1) {
+    const std::string arg = optarg != nullptr ? optarg : "";
+    switch (c) {
+      case 'c': options->config = arg; break;
+      case 'i': options->installed = arg; break;
+      case 'j': options->json = true; break;
+      case 's': options->strict = true; break;
+      case 'h': fputs(kUsage, stdout); return 0;
+      case 'p':
+        if (!options->products) options->products.emplace();
+        options->products->push_back(arg);
+        break;
+      case 'P': {
+        const size_t eq = arg.find('=');
+        const std::string name = arg.substr(0, eq);
+        if (eq == std::string::npos) return usage_error("--prop needs NAME=VALUE");
+        if (!tarnwick_host::is_legal_property_name(name.c_str())) {
+          return usage_error("--prop: " + shown(name) + " is not a legal property name");
+        }
+        if (name == "ro.vendor.product") return usage_error("give product texts with --product");
+        options->props[name] = arg.substr(eq + 1);
+        break;
+      }
+      case ':': return usage_error(std::string(argv[optind - 1]) + " needs a value");
+      default: return usage_error(std::string("unknown option ") + argv[optind - 1]);
+    }
+  }
+  if (optind + 1 != argc) return usage_error(optind == argc ? "give VENDOR_ODM_DIR" : "give one VENDOR_ODM_DIR");
+  options->tree = argv[optind];
+  return -1;
+}
+
+// The directory that becomes /vendor/etc/odm: |dir| itself, or the one inside
+// the device root or vendor directory |dir|.
+std::string tree_of(const std::string& dir) {
+  for (const char* inner : {"vendor/etc/odm", "etc/odm"}) {
+    if (fs::is_directory(fs::path(dir) / inner)) return fs::absolute(fs::path(dir) / inner);
+  }
+  return fs::absolute(dir);
+}
+
+// The host part: checks what the inner run cannot, then starts it.
+int run_outside(const Options& options, int argc, char** argv) {
+  const std::string tree = tree_of(options.tree);
+  std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(tree.c_str()), closedir);
+  if (!listing) {
+    return usage_error("cannot read " + options.tree + ": " + strerror(errno));
+  }
+  bool any_tree = false;
+  while (const dirent* entry = readdir(listing.get())) {
+    any_tree = any_tree || strncmp(entry->d_name, "odm_", 4) == 0;
+  }
+  if (!any_tree) {
+    return usage_error(options.tree + " holds no odm_<model> tree: give the directory that "
+                       "becomes /vendor/etc/odm, or a device root");
+  }
+  if (!options.config.empty() && !open_file(options.config, "r")) {
+    return usage_error("cannot read --config " + options.config + ": " + strerror(errno));
+  }
+  if (!options.installed.empty() && !readable_dir(options.installed)) {
+    return usage_error("cannot read --installed " + options.installed + ": " + strerror(errno));
+  }
+
+  const std::string root = device_sandbox::make_root();
+  const std::string staging = root + "/vendor/tarnwick-check";
+  fs::create_directories(root + "/vendor/etc/odm");
+  fs::create_directories(staging + "/installed");
+  std::vector<std::string> binds = device_sandbox::ro_bind(tree, "/vendor/etc/odm");
+  const std::string default_config = tree + "/odm_default/odm/etc/odmconfig.xml";
+  if (!options.config.empty()) {
+    const std::string config = fs::absolute(options.config);
+    if (fs::is_regular_file(default_config)) {
+      const auto bind = device_sandbox::ro_bind(config, kDefaultConfigPath);
+      binds.insert(binds.end(), bind.begin(), bind.end());
+    } else {
+      fs::copy_file(config, staging + "/odmconfig.xml");
+    }
+  }
+  if (!options.installed.empty()) {
+    const auto bind = device_sandbox::ro_bind(fs::absolute(options.installed), kCheckInstalled);
+    binds.insert(binds.end(), bind.begin(), bind.end());
+  }
+  return device_sandbox::rerun(root, binds, std::vector<std::string>(argv + 1, argv + argc));
+}
+
+// The inner part, in the sandbox: the report and its exit status.
+int run_inside(const Options& options) {
+  // The library's own log lines would bury the report.
+  android::base::SetMinimumLogSeverity(android::base::FATAL);
+  Report report;
+  const bool installed_config = !options.installed.empty() &&
+                                exists_file(std::string(kCheckInstalled) + "/etc/odmconfig.xml");
+  const std::string label = !options.config.empty() ? options.config
+                            : exists_file(kDefaultConfigPath) ? "odm_default/odm/etc/odmconfig.xml"
+                            : installed_config ? options.installed + "/etc/odmconfig.xml"
+                                               : "";
+  report.config = label.empty() ? "none" : label;
+  if (label.empty()) {
+    add_finding(&report, "no-config", false, "odm_default/odm/etc/odmconfig.xml",
+                "is missing: a provisioning run reads whatever /odm/etc/odmconfig.xml holds, "
+                "here nothing, so every product text is its own model",
+                "ship the configuration in odm_default");
+  }
+  prepare_odm(options, !options.installed.empty());
+  const auto tests = label.empty() ? std::map<std::string, std::set<std::string>>()
+                                   : scan_config(label, &report);
+  if (!resolve(options, tests, &report)) {
+    fprintf(stderr, "tarnwick-check: the tested properties have more than 4096 settings; "
+                    "fix some with --prop\n");
+    return 2;
+  }
+  if (!examine_trees(options, &report)) return 2;
+  if (options.json) {
+    print_json(options, report);
+  } else {
+    print_text(options, report);
+  }
+  const bool errors = std::any_of(report.findings.begin(), report.findings.end(),
+                                  [](const Finding& f) { return f.error; });
+  return errors || (options.strict && !report.findings.empty()) ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  const int status = parse(argc, argv, &options);
+  if (status >= 0) return status;
+  return device_sandbox::inside() ? run_inside(options) : run_outside(options, argc, argv);
+}

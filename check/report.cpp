@@ -1,0 +1,206 @@
+// The report: a text for a person, or one JSON document for a build's CI.
+#include <stdio.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "check/check.h"
+
+namespace {
+
+const size_t kWidth = 100;
+
+std::string list(const std::vector<std::string>& texts) {
+  std::string out;
+  for (const auto& t : texts) out += (out.empty() ? "" : ", ") + t;
+  return out;
+}
+
+// Prints |label| and |text|, the text wrapped after ", " to the report's width
+// and each further line indented under the first.
+void wrapped(const std::string& indent, const std::string& label, const std::string& text) {
+  std::string lead = indent + label;
+  const size_t room = kWidth > lead.size() + 20 ? kWidth - lead.size() : 20;
+  size_t start = 0;
+  do {
+    size_t end = text.size();
+    if (end - start > room) {
+      size_t cut = text.rfind(", ", start + room - 1);
+      if (cut == std::string::npos || cut < start) cut = text.find(", ", start);
+      if (cut != std::string::npos) end = cut + 1;
+    }
+    printf("%s%s\n", lead.c_str(), text.substr(start, end - start).c_str());
+    start = end < text.size() ? end + 1 : end;
+    lead.assign(lead.size(), ' ');
+  } while (start < text.size());
+}
+
+std::string products_of(const Row& row) {
+  std::vector<std::string> texts;
+  for (const auto& p : row.products) texts.push_back(shown(p));
+  return list(texts);
+}
+
+size_t count(const Report& report, bool errors) {
+  return std::count_if(report.findings.begin(), report.findings.end(),
+                       [&](const Finding& f) { return f.error == errors; });
+}
+
+}  // namespace
+
+std::string shown(const std::string& text) {
+  const bool plain = !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) {
+    return isalnum(c) || c == '_' || c == '-' || c == '.';
+  });
+  if (plain) return text;
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    char buf[8];
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (c < 0x20 || c >= 0x7f) {
+      snprintf(buf, sizeof(buf), "\\x%02x", c);
+      out += buf;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out + "\"";
+}
+
+void add_finding(Report* report, std::string code, bool error, std::string subject,
+                 std::string message, std::string advice) {
+  report->findings.push_back({std::move(code), error, std::move(subject), std::move(message),
+                              std::move(advice)});
+}
+
+void print_text(const Options& options, const Report& report) {
+  printf("tarnwick-check %s\n", options.tree.c_str());
+  printf("  configuration  %s\n", report.config.c_str());
+  std::string tested;
+  for (const auto& [name, values] : report.tested) {
+    std::vector<std::string> texts;
+    for (const auto& v : values) texts.push_back(v ? shown(*v) : "(unset)");
+    tested += (tested.empty() ? "" : "; ") + name + ": " + list(texts);
+  }
+  wrapped("  ", "tested         ", tested.empty() ? "no property" : tested);
+  for (const Stamp& stamp : report.stamps) {
+    printf("  source stamp   %s, version line %s\n", in_tree(stamp.path).c_str(),
+           shown(stamp.version_line).c_str());
+  }
+
+  printf("\nResolution: %zu product texts x %zu settings, %zu rows\n", report.product_count,
+         report.settings.size(), report.rows.size());
+  const bool next = !options.installed.empty();
+  std::vector<std::vector<std::string>> cells = {{"product text", "when", "model", "tree"}};
+  if (next) cells[0].push_back("next start");
+  cells[0].push_back("why");
+  for (const Row& row : report.rows) {
+    std::string model = row.preliminary == row.final_model
+                            ? shown(row.final_model)
+                            : shown(row.preliminary) + " > " + shown(row.final_model);
+    cells.push_back({products_of(row), row.when, model, "odm_" + row.final_model});
+    if (next) cells.back().push_back(row.provisions.value_or(false) ? "provisions" : "current");
+    cells.back().push_back(row.why);
+  }
+  // Long lists of product texts go on over further lines of their column.
+  const size_t kProductsWidth = 32;
+  std::vector<size_t> width(cells[0].size());
+  for (const auto& line : cells) {
+    width[0] = std::max(width[0], std::min(line[0].size(), kProductsWidth));
+    for (size_t i = 1; i < line.size(); ++i) width[i] = std::max(width[i], line[i].size());
+  }
+  for (auto line : cells) {
+    std::string products = line[0];
+    do {
+      size_t cut = products.size() <= width[0] ? products.size() : products.rfind(", ", width[0]);
+      if (cut == std::string::npos || cut == 0) cut = std::min(products.size(), width[0]);
+      line[0] = products.substr(0, cut + (cut < products.size() ? 1 : 0));
+      products = cut < products.size() ? products.substr(std::min(products.size(), cut + 2)) : "";
+      std::string text;
+      for (size_t i = 0; i < line.size(); ++i) {
+        text += "  " + line[i] + std::string(width[i] - std::min(width[i], line[i].size()), ' ');
+      }
+      printf("%s\n", text.substr(0, text.find_last_not_of(' ') + 1).c_str());
+      line.assign(line.size(), "");
+    } while (!products.empty());
+  }
+
+  printf("\nTrees installed\n");
+  for (const Tree& tree : report.trees) {
+    printf("  odm_%s\n", tree.model.c_str());
+    wrapped("    ", "installs   ", list(tree.installs));
+    std::vector<std::string> out;
+    for (const auto& [name, what] : tree.left_out) out.push_back(name + " (" + what + ")");
+    if (!out.empty()) wrapped("    ", "leaves out ", list(out));
+    for (const auto& [model, paths] : tree.removes) {
+      wrapped("    ", "removes    ", "for " + shown(model) + ": " + list(paths));
+    }
+  }
+
+  const size_t errors = count(report, true);
+  const size_t warnings = count(report, false);
+  printf("\nFindings: %zu error%s, %zu warning%s\n", errors, errors == 1 ? "" : "s", warnings,
+         warnings == 1 ? "" : "s");
+  std::vector<Finding> findings = report.findings;
+  std::stable_sort(findings.begin(), findings.end(),
+                   [](const Finding& a, const Finding& b) { return a.error > b.error; });
+  for (const Finding& f : findings) {
+    printf("  %-7s  %s  %s: %s\n           -> %s\n", f.error ? "error" : "warning", f.code.c_str(),
+           f.subject.c_str(), f.message.c_str(), f.advice.c_str());
+  }
+  if (report.findings.empty()) printf("  none\n");
+}
+
+void print_json(const Options& options, const Report& report) {
+  using nlohmann::json;
+  auto value = [](const std::optional<std::string>& v) { return v ? json(*v) : json(nullptr); };
+  json doc = {{"tree", options.tree}, {"configuration", report.config}};
+  doc["tested"] = json::array();
+  for (const auto& [name, values] : report.tested) {
+    json vs = json::array();
+    for (const auto& v : values) vs.push_back(value(v));
+    doc["tested"].push_back({{"property", name}, {"values", vs}});
+  }
+  doc["settings"] = json::array();
+  for (const Setting& setting : report.settings) {
+    json s = json::object();
+    for (const auto& [name, v] : setting) s[name] = value(v);
+    doc["settings"].push_back(s);
+  }
+  doc["rows"] = json::array();
+  for (const Row& row : report.rows) {
+    json r = {{"products", row.products}, {"settings", row.settings}, {"when", row.when},
+              {"preliminary", row.preliminary}, {"final", row.final_model},
+              {"tree", "odm_" + row.final_model}, {"why", row.why}, {"stamp", in_tree(row.stamp)}};
+    if (row.provisions) r["next_start_provisions"] = *row.provisions;
+    doc["rows"].push_back(r);
+  }
+  doc["trees"] = json::array();
+  for (const Tree& tree : report.trees) {
+    json left = json::array();
+    for (const auto& [name, what] : tree.left_out) left.push_back({{"name", name}, {"type", what}});
+    doc["trees"].push_back({{"tree", "odm_" + tree.model}, {"installs", tree.installs},
+                            {"left_out", left}, {"removes", tree.removes}});
+  }
+  doc["stamps"] = json::array();
+  for (const Stamp& stamp : report.stamps) {
+    doc["stamps"].push_back({{"path", in_tree(stamp.path)}, {"version_line", stamp.version_line},
+                             {"restarts_every_start", stamp.restarts_every_start},
+                             {"products", stamp.products}});
+  }
+  doc["findings"] = json::array();
+  for (const Finding& f : report.findings) {
+    doc["findings"].push_back({{"code", f.code}, {"severity", f.error ? "error" : "warning"},
+                               {"subject", f.subject}, {"message", f.message},
+                               {"advice", f.advice}});
+  }
+  doc["errors"] = count(report, true);
+  doc["warnings"] = count(report, false);
+  printf("%s\n", doc.dump(2, ' ', false, json::error_handler_t::replace).c_str());
+}

@@ -1,0 +1,308 @@
+// The resolution table: every product text under every setting of the tested
+// properties, answered by the program's own loader, look-up and selection.
+#include <stdio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <tuple>
+
+#include "check/check.h"
+#include "tarnwick/config/config.h"
+#include "tarnwick/fileutil/fileutil.h"
+#include "tarnwick/paths.h"
+#include "tarnwick/platform/host_cutils.h"
+#include "tarnwick/state.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const char kProductPath[] = "/dev/__properties__/ro.vendor.product";
+const char kProductProperty[] = "ro.vendor.product";
+// No product text can be longer than a property read gives.
+const size_t kValueMax = 92;
+const char kRegionalSuffix[] = "_RU";
+// More settings than this ask for --prop rather than a table nobody reads.
+const size_t kMaxSettings = 4096;
+
+using Values = std::vector<std::optional<std::string>>;  // the values one property takes
+
+std::string trimmed(const std::string& text) {
+  const char* blanks = " \t\r\n";
+  const size_t begin = text.find_first_not_of(blanks);
+  return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(blanks) + 1 - begin);
+}
+
+void put_property(const std::string& name, const std::string& value) {
+  if (value.empty() || !tarnwick_host::is_legal_property_name(name.c_str())) return;
+  std::ofstream(std::string(tarnwick_host::kPropertyDir) + "/" + name, std::ios::binary) << value;
+}
+
+std::string value_text(const std::optional<std::string>& value) {
+  return value ? shown(*value) : "(unset)";
+}
+
+// The settings |subset| in words: "any" when it holds them all, values per
+// property when it is a product of values, else one setting after another.
+std::string describe(const std::vector<Values>& options, const std::vector<Setting>& settings,
+                     const std::vector<size_t>& subset) {
+  if (subset.size() == settings.size()) return "any";
+  std::vector<std::set<std::optional<std::string>>> seen(options.size());
+  for (size_t s : subset) {
+    for (size_t i = 0; i < options.size(); ++i) seen[i].insert(settings[s][i].second);
+  }
+  size_t product = 1;
+  for (const auto& values : seen) product *= values.size();
+  std::string text;
+  if (product == subset.size()) {
+    for (size_t i = 0; i < options.size(); ++i) {
+      if (seen[i].size() == options[i].size()) continue;
+      std::string values;
+      for (const auto& v : seen[i]) values += (values.empty() ? "" : "|") + value_text(v);
+      text += (text.empty() ? "" : ", ") + settings[subset[0]][i].first + "=" + values;
+    }
+    return text;
+  }
+  for (size_t s : subset) {
+    std::string one;
+    for (const auto& [name, value] : settings[s]) {
+      one += (one.empty() ? "" : ", ") + name + "=" + value_text(value);
+    }
+    text += (text.empty() ? "(" : " or (") + one + ")";
+  }
+  return text;
+}
+
+// Why |product| came out as it did, in words. The answers themselves come
+// from the selection; this only names the step that decided them.
+std::string reason(const std::string& product, const std::string& target_hit,
+                   const std::string& model_hit, const std::string& preliminary,
+                   const std::string& final_model) {
+  std::string why = target_hit != product ? "target " + shown(target_hit) + " overrides"
+                    : model_hit != product ? "alias of model " + shown(model_hit)
+                    : product.empty()      ? "empty"
+                                           : "no match, so the text itself";
+  if ((target_hit != product ? target_hit : model_hit).empty()) {
+    why += std::string(", so ") + kDefaultModel;
+  }
+  if (final_model != preliminary) {
+    const size_t n = sizeof(kRegionalSuffix) - 1;
+    const bool cut = preliminary.size() >= n &&
+                     preliminary.compare(preliminary.size() - n, n, kRegionalSuffix) == 0 &&
+                     final_model == preliminary.substr(0, preliminary.size() - n);
+    why += cut ? "; no manifest, so \"_RU\" dropped" : "; no manifest, so the fallback";
+  } else if (!exists_file(source_manifest_path(final_model))) {
+    why += "; its tree has no manifest";
+  }
+  return why;
+}
+
+void check_aliases(const std::vector<std::pair<AliasMap, AliasMap>>& tables, Report* report) {
+  std::set<std::string> reported;
+  for (const auto& pair : tables) {
+    for (const AliasMap* table : {&pair.first, &pair.second}) {
+      const std::string kind = table == &pair.first ? "model" : "target";
+      std::map<std::string, std::vector<std::string>> owners;
+      for (const auto& [key, alias] : *table) {
+        auto& keys = owners[alias];
+        if (keys.empty() || keys.back() != key) keys.push_back(key);
+      }
+      for (const auto& [alias, keys] : owners) {
+        if (!reported.insert(kind + '\0' + alias).second) continue;
+        if (alias.size() >= kValueMax) {
+          add_finding(report, "long-alias", false, "alias " + shown(alias.substr(0, 40) + "..."),
+                      "is " + std::to_string(alias.size()) +
+                          " bytes long: no product text can match it (at most 91 bytes)",
+                      "shorten the alias");
+        }
+        if (!alias.empty() && trimmed(alias) != alias) {
+          add_finding(report, "alias-whitespace", false, "alias " + shown(alias),
+                      "has blanks or line breaks around its text, which a product text must "
+                      "then carry too",
+                      "write it as <alias>" + trimmed(alias) + "</alias>");
+        }
+        if (keys.size() < 2) continue;
+        std::string names;
+        for (size_t i = 0; i < keys.size(); ++i) {
+          names += (i == 0 ? "" : i + 1 == keys.size() ? " and " : ", ") + shown(keys[i]);
+        }
+        add_finding(report, "ambiguous-alias", false, "alias " + shown(alias),
+                    "stands under the " + kind + "s " + names + "; " +
+                        shown(get_model_name(alias, *table)) +
+                        " wins, by name order, not by order in the file",
+                    "keep each alias under one " + kind);
+      }
+    }
+  }
+}
+
+// Models and targets the configuration names whose tree cannot be installed.
+void check_names(const std::vector<std::pair<AliasMap, AliasMap>>& tables, Report* report) {
+  std::set<std::pair<std::string, std::string>> names;
+  for (const auto& [models, targets] : tables) {
+    for (const auto& entry : models) names.insert({"model", entry.first});
+    for (const auto& entry : targets) names.insert({"target", entry.first});
+  }
+  for (const auto& [kind, name] : names) {
+    // The fallback's own tree is the fallback finding's matter.
+    if (name == kDefaultModel || exists_file(source_manifest_path(name))) continue;
+    const bool tree = fs::is_directory(kModelTreePrefix + name);
+    const std::string instead = confirm_model_source(name, kProvisioningRun);
+    // A name with no tree of its own that the selection maps to another real
+    // tree (the regional rule) is by design; a tree it skips is not.
+    if (!tree && instead != kDefaultModel) continue;
+    add_finding(report, "missing-tree", false, kind + " " + shown(name),
+                (tree ? "its tree odm_" + name + " has no vintf/manifest.xml"
+                      : "has no tree odm_" + name) +
+                    ": its devices get odm_" + instead,
+                tree ? "add the manifest to the tree" : "add the tree, or fix the name");
+  }
+}
+
+}  // namespace
+
+void write_properties(const Options& options, const Setting& setting, const std::string& product) {
+  for (const auto& entry : fs::directory_iterator(tarnwick_host::kPropertyDir)) {
+    fs::remove_all(entry.path());
+  }
+  for (const auto& [name, value] : options.props) put_property(name, value);
+  for (const auto& [name, value] : setting) {
+    if (value) put_property(name, *value);
+  }
+  put_property(kProductProperty, product);
+}
+
+bool resolve(const Options& options, const std::map<std::string, std::set<std::string>>& tests,
+             Report* report) {
+  // Each tested property takes the values the blocks name, and unset; one
+  // value when fixed by --prop; only unset when a vendor service reads it as
+  // empty. An empty value reads as unset. The product text is the row's own.
+  std::vector<std::string> names;
+  std::vector<Values> values;
+  for (const auto& [name, named] : tests) {
+    bool never;
+    if (name == kProductProperty || options.props.count(name) != 0 ||
+        !tarnwick_host::is_legal_property_name(name.c_str()) || unreadable_type(name, &never)) {
+      continue;
+    }
+    Values taken;
+    for (const auto& v : named) {
+      if (!v.empty() && v.size() < kValueMax) taken.push_back(v);
+    }
+    taken.push_back(std::nullopt);
+    names.push_back(name);
+    values.push_back(taken);
+  }
+  report->settings.assign(1, Setting());
+  for (size_t i = 0; i < names.size(); ++i) {
+    std::vector<Setting> grown;
+    for (const Setting& setting : report->settings) {
+      for (const auto& v : values[i]) {
+        grown.push_back(setting);
+        grown.back().emplace_back(names[i], v);
+      }
+    }
+    report->settings = std::move(grown);
+    if (report->settings.size() > kMaxSettings) return false;
+    report->tested.emplace_back(names[i], values[i]);
+  }
+
+  // The tables of each setting, as a provisioning run loads them.
+  std::vector<std::pair<AliasMap, AliasMap>> tables;
+  for (const Setting& setting : report->settings) {
+    write_properties(options, setting, "");
+    ModelAliasMap.clear();
+    TargetAliasMap.clear();
+    create_map_from_config();
+    tables.emplace_back(ModelAliasMap, TargetAliasMap);
+  }
+  check_aliases(tables, report);
+  check_names(tables, report);
+
+  std::set<std::string> products;
+  if (options.products) {
+    products.insert(options.products->begin(), options.products->end());
+  } else {
+    products.insert("");
+    for (const auto& [models, targets] : tables) {
+      for (const AliasMap* table : {&models, &targets}) {
+        for (const auto& [key, alias] : *table) products.insert({key, alias});
+      }
+    }
+    const std::string dir = fs::path(kModelTreePrefix).parent_path();
+    for (const auto& entry : fs::directory_iterator(dir)) {
+      const std::string name = entry.path().filename();
+      if (name.rfind("odm_", 0) == 0 && entry.is_directory()) products.insert(name.substr(4));
+    }
+  }
+  for (auto it = products.begin(); it != products.end();) {
+    if (it->size() >= kValueMax) {
+      it = products.erase(it);  // a property read cannot give it; its alias is reported
+      continue;
+    }
+    if (it->find('/') != std::string::npos || it->find("..") != std::string::npos) {
+      add_finding(report, "path-product", false, "product text " + shown(*it),
+                  "holds \"/\" or \"..\": the paths built from it leave odm_" + *it,
+                  "use product texts that are plain names");
+    }
+    ++it;
+  }
+  report->product_count = products.size();
+
+  // answers[p][s]: (preliminary, final, why) of product p under setting s.
+  using Answer = std::tuple<std::string, std::string, std::string>;
+  std::vector<std::vector<Answer>> answers(products.size());
+  // The model list does not depend on the properties, so its answers for the
+  // reasons are asked again only when a setting gives another model table.
+  std::vector<std::string> model_hits;
+  for (size_t s = 0; s < report->settings.size(); ++s) {
+    if (s == 0 || tables[s].first != tables[s - 1].first) {
+      model_hits.clear();
+      for (const std::string& product : products) {
+        model_hits.push_back(get_model_name(product, tables[s].first));
+      }
+    }
+    ModelAliasMap = tables[s].first;
+    TargetAliasMap = tables[s].second;
+    write_properties(options, report->settings[s], "");
+    size_t p = 0;
+    for (const std::string& product : products) {
+      put_property(kProductProperty, product);
+      const std::string preliminary = select_model_name(kProvisioningRun);
+      const std::string final_model = confirm_model_source(preliminary, kProvisioningRun);
+      const std::string why = reason(product, get_model_name(product, TargetAliasMap),
+                                     model_hits[p], preliminary, final_model);
+      unlink(kProductPath);
+      answers[p++].emplace_back(preliminary, final_model, why);
+    }
+  }
+
+  // One row per answer, its product texts and settings merged.
+  std::map<std::string, size_t> row_of;
+  size_t p = 0;
+  for (const std::string& product : products) {
+    const std::string sku = sku_stamp_path(product);
+    const std::string stamp = exists_file(sku) ? sku : kDefaultStampPath;
+    std::vector<std::pair<Answer, std::vector<size_t>>> groups;
+    for (size_t s = 0; s < answers[p].size(); ++s) {
+      auto it = std::find_if(groups.begin(), groups.end(),
+                             [&](const auto& g) { return g.first == answers[p][s]; });
+      if (it == groups.end()) it = groups.insert(groups.end(), {answers[p][s], {}});
+      it->second.push_back(s);
+    }
+    for (const auto& [answer, settings] : groups) {
+      const std::string when = describe(values, report->settings, settings);
+      const auto& [preliminary, final_model, why] = answer;
+      const std::string key = when + '\0' + preliminary + '\0' + final_model + '\0' + why + '\0' + stamp;
+      auto [it, added] = row_of.emplace(key, report->rows.size());
+      if (added) {
+        report->rows.push_back({{}, settings, when, preliminary, final_model, why, stamp, {}});
+      }
+      report->rows[it->second].products.push_back(product);
+    }
+    ++p;
+  }
+  return true;
+}

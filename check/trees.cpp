@@ -1,0 +1,275 @@
+// What each final tree installs, and what only a device start can tell: the
+// source stamps and the next start on an installed tree, by running the
+// program itself over the sandbox's device.
+#include <fcntl.h>
+#include <limits.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+#include <sstream>
+
+#include "check/check.h"
+#include "tarnwick/config/config.h"
+#include "tarnwick/fileutil/fileutil.h"
+#include "tarnwick/paths.h"
+#include "tarnwick/platform/host_cutils.h"
+#include "tarnwick/provision/provision.h"
+#include "tarnwick/state.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const char kProgram[] = "tarnwick";
+// Set only when a start found the two stamps equal, and so provisioned nothing.
+const char kVersionProperty[] = "ro.vendor.odm.version";
+const char kTreeConfig[] = "odmconfig.xml";
+
+void clear_dir(const std::string& dir) {
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(dir, ec)) fs::remove_all(entry.path(), ec);
+}
+
+// One device start of the program (built beside this tool) over the sandbox's
+// device as it stands, with a fresh property store and kernel log; under the
+// runner's wrapper (TARNWICK_WRAP) when there is one. False when it could not
+// run to its end.
+bool start_program(const Options& options, const Setting& setting, const std::string& product) {
+  write_properties(options, setting, product);
+  if (truncate("/dev/kmsg", 0) != 0) return false;
+  char self[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+  if (n < 0) return false;
+  self[n] = '\0';
+  std::vector<std::string> argv;
+  std::istringstream wrap(getenv("TARNWICK_WRAP") != nullptr ? getenv("TARNWICK_WRAP") : "");
+  for (std::string word; wrap >> word;) argv.push_back(word);
+  argv.push_back((fs::path(self).parent_path() / kProgram).string());
+  std::vector<char*> cargv;
+  for (std::string& arg : argv) cargv.push_back(arg.data());
+  cargv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  pid_t pid;
+  int status = 0;
+  int spawned = posix_spawnp(&pid, cargv[0], &actions, nullptr, cargv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
+      WEXITSTATUS(status) == 0) {
+    return true;
+  }
+  fprintf(stderr, "tarnwick-check: %s did not run to its end; is it built?\n", argv.back().c_str());
+  return false;
+}
+
+bool stamps_were_equal() {
+  return fs::exists(std::string(tarnwick_host::kPropertyDir) + "/" + kVersionProperty);
+}
+
+// |texts| quoted, at most |limit| of them.
+std::string join(const std::vector<std::string>& texts, size_t limit = 6) {
+  std::string out;
+  for (size_t i = 0; i < texts.size() && i < limit; ++i) {
+    out += (i == 0 ? "" : ", ") + shown(texts[i]);
+  }
+  if (texts.size() > limit) out += " and " + std::to_string(texts.size() - limit) + " more";
+  return out;
+}
+
+// The rows whose files come from |model|'s tree.
+std::vector<const Row*> rows_installing(const Report& report, const std::string& model) {
+  std::vector<const Row*> rows;
+  for (const Row& row : report.rows) {
+    if (row.final_model == model) rows.push_back(&row);
+  }
+  return rows;
+}
+
+// A configuration among a tree's files replaces the installed one after the
+// run: the image name query reads it, and so does the next run when there is
+// no default configuration to install first.
+void check_tree_config(const Options& options, const Report& report, const Tree& tree,
+                       Report* out) {
+  copy_file(source_etc_dir(tree.model) + kTreeConfig, kConfigPath);
+  std::string changes;
+  std::set<std::string> asked;
+  for (const Row* row : rows_installing(report, tree.model)) {
+    if (!asked.insert(row->products[0]).second) continue;
+    write_properties(options, report.settings[row->settings[0]], row->products[0]);
+    ModelAliasMap.clear();
+    TargetAliasMap.clear();
+    create_map_from_config();
+    const std::string answer =
+        confirm_model_source(select_model_name(kImageNameQuery), kImageNameQuery);
+    if (answer != tree.model) changes += ", " + shown(row->products[0]) + " then gets " + answer;
+  }
+  const bool bootstrap = exists_file(kDefaultConfigPath);
+  std::string effect = bootstrap ? "the image name query reads it (the next run installs "
+                                   "odm_default's first)"
+                                 : "the next run and the image name query read it";
+  effect += changes.empty() ? ", and it picks the same models" : changes;
+  add_finding(out, "tree-config", false, "odm_" + tree.model + "/odm/etc/" + kTreeConfig,
+              "is installed over /odm/etc/odmconfig.xml after the configuration was read: " +
+                  effect,
+              "keep the configuration in odm_default only");
+}
+
+}  // namespace
+
+std::string in_tree(const std::string& path) {
+  return path.substr(fs::path(kModelTreePrefix).parent_path().string().size() + 1);
+}
+
+void prepare_odm(const Options& options, bool with_installed) {
+  clear_dir("/odm");
+  std::error_code ec;
+  if (with_installed) fs::copy(kCheckInstalled, "/odm", fs::copy_options::recursive |
+                                                         fs::copy_options::copy_symlinks, ec);
+  fs::create_directories("/odm/etc", ec);
+  if (exists_file(kDefaultConfigPath)) {
+    copy_file(kDefaultConfigPath, kConfigPath);
+  } else if (!options.config.empty()) {
+    copy_file(kCheckConfig, kConfigPath);
+  }
+}
+
+bool examine_trees(const Options& options, Report* report) {
+  if (!exists_file(source_manifest_path(kDefaultModel))) {
+    const bool tree = fs::is_directory(kModelTreePrefix + std::string(kDefaultModel));
+    add_finding(report, "no-fallback", true, std::string("odm_") + kDefaultModel,
+                tree ? "the fallback tree has no vintf/manifest.xml"
+                     : "the fallback tree is missing",
+                "devices whose model has no tree get no manifest: ship the fallback tree whole");
+  }
+
+  for (const Row& row : report->rows) {
+    auto it = std::find_if(report->trees.begin(), report->trees.end(),
+                           [&](const Tree& t) { return t.model == row.final_model; });
+    if (it == report->trees.end()) {
+      it = report->trees.insert(report->trees.end(), Tree{row.final_model, {}, {}, {}});
+    }
+    auto& removes = it->removes[row.preliminary];
+    if (removes.empty()) {
+      for (const std::string& path : stale_manifest_paths(row.preliminary)) {
+        removes.push_back(path.substr(sizeof(kOdmEtcDir) - 1));
+      }
+    }
+  }
+  for (Tree& tree : report->trees) {
+    const std::string etc = source_etc_dir(tree.model);
+    OdmFileList.clear();
+    get_all_files(etc);
+    std::vector<std::string> listed = OdmFileList;
+    std::sort(listed.begin(), listed.end());
+    tree.installs.assign(std::begin(kFixedInstalls), std::end(kFixedInstalls));
+    tree.installs.insert(tree.installs.end(), listed.begin(), listed.end());
+    // What the listing passes over, and what stands beside the fixed installs
+    // in their own directories.
+    std::set<std::string> fixed_dirs;
+    for (const char* name : kFixedInstalls) fixed_dirs.insert(fs::path(name).parent_path());
+    std::error_code ec;
+    for (const auto& entry : fs::recursive_directory_iterator(etc, ec)) {
+      const std::string name = entry.path().lexically_relative(etc);
+      const bool top = name.find('/') == std::string::npos;
+      const auto type = entry.symlink_status().type();
+      if (top ? std::binary_search(listed.begin(), listed.end(), name) ||
+                    (fixed_dirs.count(name) != 0 && type == fs::file_type::directory)
+              : fixed_dirs.count(fs::path(name).parent_path()) == 0 ||
+                    std::count(tree.installs.begin(), tree.installs.end(), name) != 0) {
+        continue;
+      }
+      tree.left_out.emplace_back(name, type == fs::file_type::symlink     ? "link"
+                                       : type == fs::file_type::directory ? "directory"
+                                       : type == fs::file_type::regular   ? "not listed"
+                                                                          : "not a regular file");
+    }
+    std::sort(tree.left_out.begin(), tree.left_out.end());
+    if (exists_file(source_manifest_path(tree.model)) && !exists_file(etc + kFixedInstalls[1])) {
+      add_finding(report, "no-unavailable-features", false, "odm_" + tree.model,
+                  std::string("has no etc/") + kFixedInstalls[1] +
+                      ": each provisioning empties the installed copy and logs an error",
+                  "add the file, with no feature in it if none is unavailable");
+    }
+    if (std::binary_search(listed.begin(), listed.end(), kTreeConfig)) {
+      check_tree_config(options, *report, tree, report);
+    }
+  }
+
+  // The source stamps: two starts over an empty /odm each. When the second
+  // provisions again, the stamp gives an empty version line.
+  for (const Row& row : report->rows) {
+    auto it = std::find_if(report->stamps.begin(), report->stamps.end(),
+                           [&](const Stamp& s) { return s.path == row.stamp; });
+    if (it == report->stamps.end()) {
+      prepare_odm(options, false);
+      const Setting& setting = report->settings[row.settings[0]];
+      if (!start_program(options, setting, row.products[0])) return false;
+      std::string line;
+      if (UniqueFile stamp = open_file(kInstalledStampPath, "r")) read_line(stamp.get(), &line);
+      if (!start_program(options, setting, row.products[0])) return false;
+      it = report->stamps.insert(report->stamps.end(), {row.stamp, {}, line, !stamps_were_equal()});
+    }
+    it->products.insert(it->products.end(), row.products.begin(), row.products.end());
+  }
+  for (Stamp& stamp : report->stamps) {
+    std::sort(stamp.products.begin(), stamp.products.end());
+    stamp.products.erase(std::unique(stamp.products.begin(), stamp.products.end()),
+                         stamp.products.end());
+    const std::string shown = in_tree(stamp.path);
+    if (stamp.path != kDefaultStampPath) {
+      std::error_code ec;
+      add_finding(report, "sku-stamp", false, shown,
+                  "replaces odm_default/odm/odmver.txt for " + join(stamp.products) +
+                      (fs::file_size(stamp.path, ec) == 0 ? ", and is empty" : ""),
+                  "keep one stamp, in odm_default");
+    }
+    if (stamp.restarts_every_start) {
+      const bool missing = !exists_file(stamp.path);
+      add_finding(report, missing ? "no-source-stamp" : "empty-version-line", true, shown,
+                  std::string(missing ? "is missing" : "ends in an empty line") +
+                      ": every start provisions and restarts the device (" +
+                      join(stamp.products) + ")",
+                  "ship the stamp with the version as its last line");
+    }
+  }
+
+  if (options.installed.empty()) return true;
+  // The next start on the installed tree, one start per row; the manifests
+  // that it leaves under other names.
+  std::map<std::string, std::vector<std::string>> leftovers;
+  for (Row& row : report->rows) {
+    prepare_odm(options, true);
+    if (!start_program(options, report->settings[row.settings[0]], row.products[0])) return false;
+    row.provisions = !stamps_were_equal();
+    std::error_code ec;
+    for (const char* dir : {"/odm/etc", "/odm/etc/vintf"}) {
+      for (const auto& entry : fs::directory_iterator(dir, ec)) {
+        const std::string name = entry.path().filename();
+        if (name.rfind("manifest_", 0) != 0 || entry.path().extension() != ".xml") continue;
+        auto& products = leftovers[entry.path().string()];
+        products.insert(products.end(), row.products.begin(), row.products.end());
+      }
+    }
+  }
+  for (auto& [path, products] : leftovers) {
+    std::sort(products.begin(), products.end());
+    products.erase(std::unique(products.begin(), products.end()), products.end());
+    const std::string name = fs::path(path).stem();
+    add_finding(report, "leftover-manifest", false, path,
+                "stays after the next start (" +
+                    (products.size() == report->product_count ? "for every product text"
+                                                              : "for " + join(products)) +
+                    "); the platform's manifest loader prefers it to manifest.xml when "
+                    "ro.boot.product.hardware.sku=" + name.substr(9),
+                "remove it from /odm, or reflash /odm");
+  }
+  return true;
+}
