@@ -1,0 +1,86 @@
+#include "tests/harness.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "host/device_sandbox.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Runs |argv| with standard output and error to the files named; returns its
+// exit status, or 128 + the signal that ended it.
+int spawn(const std::vector<std::string>& argv, const std::string& out, const std::string& err) {
+  std::vector<char*> cargv;
+  for (const auto& a : argv) cargv.push_back(const_cast<char*>(a.c_str()));
+  cargv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  pid_t pid;
+  int status = 0;
+  int spawned = posix_spawnp(&pid, cargv[0], &actions, nullptr, cargv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace
+
+void put(const std::string& path, const std::string& content) {
+  fs::create_directories(fs::path(path).parent_path());
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+std::string get(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return in ? out.str() : "<missing>";
+}
+
+std::string prop(const std::string& root, const std::string& name) {
+  const std::string value = get(root + "/dev/__properties__/" + name);
+  return value == "<missing>" ? "<unset>" : value;
+}
+
+std::string make_root() { return device_sandbox::make_root(); }
+
+void remove_root(const std::string& root) { fs::remove_all(root); }
+
+Start boot(const std::string& root, const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {RUN_DEVICE, "--program", TARNWICK_PROGRAM, root, "--"};
+  argv.insert(argv.end(), args.begin(), args.end());
+  Start start;
+  start.status = spawn(argv, "/dev/null", root + ".log");
+  std::istringstream log(get(root + ".log"));
+  fs::remove(root + ".log");
+  // "tag E MM-DD hh:mm:ss  pid  tid file:line] message"
+  for (std::string line; std::getline(log, line);) {
+    const size_t end = line.find("] "), colon = line.rfind(':', end), space = line.rfind(' ', colon);
+    if (end != std::string::npos) start.log.push_back({line.substr(space + 1, colon - space - 1), line.substr(end + 2)});
+  }
+  start.kmsg = get(root + "/dev/kmsg");
+  return start;
+}
+
+int run(std::vector<std::string> argv, std::string* out) {
+  // Under user-mode emulation the build's programs run through its wrapper.
+  std::istringstream wrap(getenv("TARNWICK_WRAP") != nullptr ? getenv("TARNWICK_WRAP") : "");
+  std::vector<std::string> words{std::istream_iterator<std::string>(wrap), {}};
+  argv.insert(argv.begin(), words.begin(), words.end());
+  const std::string path = fs::temp_directory_path() / ("tarnwick-run." + std::to_string(getpid()));
+  const int status = spawn(argv, path, "/dev/null");
+  if (out != nullptr) *out = get(path);
+  fs::remove(path);
+  return status;
+}
