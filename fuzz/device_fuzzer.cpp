@@ -1,12 +1,9 @@
-// libFuzzer target over the program's library, inside the device sandbox.
-// Input 'c' + a product text line, a NAME=VALUE property line, a model whose
-// tree gets a manifest, and the configuration: both callers' selections
-// agree, and the image name query publishes that answer. Any other first
-// byte is a flag (1: no destination directory, 2: an older, longer copy with
-// mode 0600 in place) before a file: its copy is the file plus a newline when
-// its last line has none, with mode 0644.
+// libFuzzer target over the program's configuration loader and model
+// selection, inside the device sandbox. Input: a product text line, a
+// NAME=VALUE property line, a model whose tree gets a manifest, and the
+// configuration. Both callers' selections must agree, and the image name
+// query must publish that answer.
 #include <android-base/logging.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,7 +11,6 @@
 
 #include "host/device_sandbox.h"
 #include "tarnwick/config/config.h"
-#include "tarnwick/fileutil/fileutil.h"
 #include "tests/harness.h"
 
 namespace fs = std::filesystem;
@@ -66,23 +62,6 @@ void fuzz_config(std::string rest) {
   }
 }
 
-void fuzz_file(int flags, const std::string& source) {
-  put("/vendor/src", source);
-  fs::remove_all("/odm/d");
-  const std::string dst = flags & 1 ? "/odm/d/none/dst" : "/odm/d/dst";
-  if ((flags & 3) == 2) put(dst, source + "older and longer");
-  chmod(dst.c_str(), 0600);
-  fs::create_directories("/odm/d");
-  const bool result = copy_file("/vendor/src", dst);
-  if (truncate("/dev/kmsg", 0) != 0) abort();
-  struct stat st {};
-  const std::string copy = source.empty() || source.back() == '\n' ? source : source + "\n";
-  if (flags & 1 ? result != source.empty() || fs::exists("/odm/d/none")
-                : !result || get(dst) != copy || stat(dst.c_str(), &st) != 0 || (st.st_mode & 07777) != 0644) {
-    abort();
-  }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
@@ -98,8 +77,6 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const std::string bytes(reinterpret_cast<const char*>(data), size);
-  if (!bytes.empty() && bytes[0] == 'c') fuzz_config(bytes.substr(1));
-  if (!bytes.empty() && bytes[0] != 'c') fuzz_file(bytes[0], bytes.substr(1));
+  fuzz_config(std::string(reinterpret_cast<const char*>(data), size));
   return 0;
 }

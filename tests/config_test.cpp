@@ -61,10 +61,6 @@ TEST_F(Config, Loader) {
     EXPECT_EQ(Pairs(TargetAliasMap.begin(), TargetAliasMap.end()), targets);
     EXPECT_EQ(TakeLog(), log);
   }
-  SetUp();
-  put("/odm/etc/odmconfig.xml/inner", "<c/>");
-  create_map_from_config();
-  EXPECT_EQ(TakeLog(), Lines{}) << "a directory in the configuration's place";
 }
 
 // Values are compared whole, keys are not looked at; a match at entry k logs

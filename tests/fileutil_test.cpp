@@ -1,3 +1,4 @@
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -42,6 +43,19 @@ TEST_F(FileUtil, LineRules) {
     EXPECT_EQ(readData("/odm/fbe.ini"), mode);
   }
   EXPECT_EQ(readData("/odm/missing"), "");
+
+  // A read error ends the stream where it happens; a line it cuts short counts.
+  int reads = 0;
+  cookie_io_functions_t io{};
+  io.read = [](void* n, char* buf, size_t) -> ssize_t {
+    const char* parts[] = {"ab\nc", nullptr, "d\n", ""};
+    const int k = std::min((*static_cast<int*>(n))++, 3);
+    return parts[k] == nullptr ? -1 : (memcpy(buf, parts[k], strlen(parts[k])), strlen(parts[k]));
+  };
+  UniqueFile broken(fopencookie(&reads, "r", io), fclose);
+  Lines read;
+  for (std::string line; read_line(broken.get(), &line);) read.push_back(line);
+  EXPECT_EQ(read, (Lines{"ab", "c"}));
 }
 
 TEST_F(FileUtil, CopyFile) {
