@@ -12,9 +12,6 @@ using tinyxml2::XMLElement;
 
 namespace {
 
-// A property read gives at most this many bytes less one.
-const size_t kValueMax = 92;
-
 // Properties that a vendor service reads as empty on a device: never, or
 // until its policy has a get_prop rule. Names ending in '.' are prefixes; the
 // first entry that fits wins.
@@ -81,7 +78,7 @@ void scan_aliases(Scan* scan, const XMLElement* owner) {
 
 void check_test(Scan* scan, const XMLElement* block, const char* name, const char* value) {
   const std::string subject = where(*scan, block);
-  if (strlen(value) >= kValueMax) {
+  if (strlen(value) >= PROP_VALUE_MAX) {
     add_finding(scan->report, "long-config-value", false, subject,
                 "config_value of " + std::to_string(strlen(value)) +
                     " bytes never matches: a property read gives at most 91",

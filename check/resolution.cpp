@@ -21,9 +21,6 @@ namespace {
 
 const char kProductPath[] = "/dev/__properties__/ro.vendor.product";
 const char kProductProperty[] = "ro.vendor.product";
-// No product text can be longer than a property read gives.
-const size_t kValueMax = 92;
-const char kRegionalSuffix[] = "_RU";
 // More settings than this ask for --prop rather than a table nobody reads.
 const size_t kMaxSettings = 4096;
 
@@ -88,10 +85,7 @@ std::string reason(const std::string& product, const std::string& target_hit,
     why += std::string(", so ") + kDefaultModel;
   }
   if (final_model != preliminary) {
-    const size_t n = sizeof(kRegionalSuffix) - 1;
-    const bool cut = preliminary.size() >= n &&
-                     preliminary.compare(preliminary.size() - n, n, kRegionalSuffix) == 0 &&
-                     final_model == preliminary.substr(0, preliminary.size() - n);
+    const bool cut = preliminary == final_model + kRegionalSuffix;
     why += cut ? "; no manifest, so \"_RU\" dropped" : "; no manifest, so the fallback";
   } else if (!exists_file(source_manifest_path(final_model))) {
     why += "; its tree has no manifest";
@@ -111,7 +105,7 @@ void check_aliases(const std::vector<std::pair<AliasMap, AliasMap>>& tables, Rep
       }
       for (const auto& [alias, keys] : owners) {
         if (!reported.insert(kind + '\0' + alias).second) continue;
-        if (alias.size() >= kValueMax) {
+        if (alias.size() >= PROP_VALUE_MAX) {
           add_finding(report, "long-alias", false, "alias " + shown(alias.substr(0, 40) + "..."),
                       "is " + std::to_string(alias.size()) +
                           " bytes long: no product text can match it (at most 91 bytes)",
@@ -189,7 +183,7 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
     }
     Values taken;
     for (const auto& v : named) {
-      if (!v.empty() && v.size() < kValueMax) taken.push_back(v);
+      if (!v.empty() && v.size() < PROP_VALUE_MAX) taken.push_back(v);
     }
     taken.push_back(std::nullopt);
     names.push_back(name);
@@ -238,7 +232,7 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
     }
   }
   for (auto it = products.begin(); it != products.end();) {
-    if (it->size() >= kValueMax) {
+    if (it->size() >= PROP_VALUE_MAX) {
       it = products.erase(it);  // a property read cannot give it; its alias is reported
       continue;
     }

@@ -10,6 +10,9 @@
 // The model used when the look-ups give nothing, and when no tree has a manifest.
 inline constexpr char kDefaultModel[] = "VX41";
 
+// The ending of a regional model's name, dropped when that model has no tree.
+inline constexpr char kRegionalSuffix[] = "_RU";
+
 // The manifest whose presence makes a model's source tree usable.
 std::string source_manifest_path(const std::string& model);
 

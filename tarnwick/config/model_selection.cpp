@@ -4,8 +4,6 @@
 
 namespace {
 
-const char kRegionalSuffix[] = "_RU";
-
 bool ends_with_regional_suffix(const std::string& model) {
   const size_t n = sizeof(kRegionalSuffix) - 1;
   return model.size() >= n && model.compare(model.size() - n, n, kRegionalSuffix) == 0;
