@@ -27,9 +27,9 @@ TEST_F(Config, Loader) {
        {{"m", "ok"}}, {},
        {"element name model", "attribute m", "ok", "element name model", "attribute m2",
         "--END OF FISRT LOOP--- "}},
-      {"<c><setup_odm><x/><prop_value config_name='a.p' config_value='1'><y name='no'/><target name='t2'>"
-       "<alias>x</alias></target><other name='t1'><alias>y</alias></other><target><alias>z</alias>"
-       "</target></prop_value><prop_value config_name='a.p' config_value='2'><target name='no'><alias>"
+      {"<c><setup_odm><x config_name='a.p' config_value='1'/><prop_value config_name='a.p' config_value='1'>"
+       "<y name='no'/><target name='t2'><alias>x</alias></target><target><alias>z</alias></target>"
+       "<other name='t1'><alias>y</alias></other></prop_value><prop_value config_name='a.p' config_value='2'><target name='no'><alias>"
        "x</alias></target></prop_value><p config_name='b.p' config_value='2'><target name='t1'><alias>z"
        "</alias></target></p><prop_value config_name='b.p'/><prop_value config_name='u.p' config_value="
        "''><target name='u'><alias>e</alias></target></prop_value><prop_value config_name='A.P' "

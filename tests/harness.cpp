@@ -1,6 +1,7 @@
 #include "tests/harness.h"
 
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <filesystem>
@@ -43,6 +44,14 @@ std::string get(const std::string& path) {
   return in ? out.str() : "<missing>";
 }
 
+std::string get_mode(const std::string& path) {
+  struct stat st {};
+  if (stat(path.c_str(), &st) != 0) return "<missing>";
+  char mode[8];
+  snprintf(mode, sizeof(mode), "%o", st.st_mode & 07777);
+  return mode;
+}
+
 std::string prop(const std::string& root, const std::string& name) {
   const std::string value = get(root + "/dev/__properties__/" + name);
   return value == "<missing>" ? "<unset>" : value;
@@ -56,6 +65,7 @@ Start boot(const std::string& root, const std::vector<std::string>& args) {
   std::vector<std::string> argv = {RUN_DEVICE, "--program", TARNWICK_PROGRAM, root, "--"};
   argv.insert(argv.end(), args.begin(), args.end());
   Start start;
+  umask(0);
   start.status = spawn(argv, "/dev/null", root + ".log");
   std::istringstream log(get(root + ".log"));
   fs::remove(root + ".log");

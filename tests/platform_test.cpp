@@ -17,7 +17,7 @@ TEST_F(Platform, Properties) {
                            {"ro.x", v91.c_str(), "", v91.c_str()}, {"ro.x", v92.c_str(), "", kLong},
                            {"x", nullptr, v92.c_str(), v91.c_str()}, {"a-_:@0.Z", "v", "d", "v"},
                            {"a..b", "v", "d", "d"}, {".a", "v", "d", "d"}, {"a.", "v", "d", "d"},
-                           {"a b", "v", "d", "d"}};
+                           {"a b", "v", "d", "d"}, {"a/b", "v", "d", "d"}};
   for (const auto& g : gets) {
     SCOPED_TRACE(std::string(g[0]) + " " + (g[1] ? g[1] : "<unset>"));
     SetUp();

@@ -1,11 +1,13 @@
 // Device stories in tests/scenarios/*.txt, start by start, each start's log
 // compared line by line. One directive a line ("#" starts a comment):
 //   device                    a new, empty device root
-//   file PATH "TEXT"          writes TEXT at PATH under the root
+//   file PATH.. "TEXT"        writes TEXT at each PATH under the root
+//   link PATH "TARGET"        a symbolic link
 //   start [only=F.cpp,..] [ARG..]  one device start; the quoted texts on the
 //   "LINE" "LINE"..           lines after it are its whole log (only= F's lines)
 //   has PATH "TEXT" | gone PATH.. | same (/odm unchanged by the start)
 //   prop NAME "VALUE" | unset NAME.. | kmsg N (records of the copy's line)
+//   mode OCTAL PATH..         (starts run with umask 0)
 // Texts take \n \r \t \\ \" and \xHH. Every start must exit with 0.
 #include <gtest/gtest.h>
 
@@ -98,7 +100,9 @@ void run_story(const std::string& name) {
       if (!root.empty()) remove_root(root);
       root = make_root();
     } else if (verb == "file") {
-      put(path, texts(line).at(0));
+      for (; arg[0] != '"'; words >> arg) put(root + "/" + arg, texts(line).at(0));
+    } else if (verb == "link") {
+      fs::create_symlink(texts(line).at(0), path);
     } else if (verb == "start") {
       only.clear();
       std::vector<std::string> args;
@@ -121,6 +125,8 @@ void run_story(const std::string& name) {
       }
     } else if (verb == "same") {
       EXPECT_EQ(snapshot(root + "/odm"), before);
+    } else if (verb == "mode") {
+      for (std::string p; words >> p;) EXPECT_EQ(get_mode(root + "/" + p), arg) << p;
     } else if (verb == "prop") {
       EXPECT_EQ(prop(root, arg), texts(line).at(0)) << arg;
     } else if (verb == "kmsg") {
