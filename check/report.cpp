@@ -94,8 +94,10 @@ void print_text(const Options& options, const Report& report) {
            shown(stamp.version_line).c_str());
   }
 
-  printf("\nResolution: %zu product texts x %zu settings, %zu rows\n", report.product_count,
-         report.settings.size(), report.rows.size());
+  const auto plural = [](size_t n) { return n == 1 ? "" : "s"; };
+  printf("\nResolution: %zu product text%s x %zu setting%s, %zu row%s\n", report.product_count,
+         plural(report.product_count), report.settings.size(), plural(report.settings.size()),
+         report.rows.size(), plural(report.rows.size()));
   const bool next = !options.installed.empty();
   std::vector<std::vector<std::string>> cells = {{"product text", "when", "model", "tree"}};
   if (next) cells[0].push_back("next start");

@@ -27,13 +27,14 @@ TEST_F(Config, Loader) {
        {{"m", "ok"}}, {},
        {"element name model", "attribute m", "ok", "element name model", "attribute m2",
         "--END OF FISRT LOOP--- "}},
-      {"<c><setup_odm><x config_name='a.p' config_value='1'/><prop_value config_name='a.p' config_value='1'>"
-       "<y name='no'/><target name='t2'><alias>x</alias></target><target><alias>z</alias></target>"
-       "<other name='t1'><alias>y</alias></other></prop_value><prop_value config_name='a.p' config_value='2'><target name='no'><alias>"
-       "x</alias></target></prop_value><p config_name='b.p' config_value='2'><target name='t1'><alias>z"
-       "</alias></target></p><prop_value config_name='b.p'/><prop_value config_name='u.p' config_value="
-       "''><target name='u'><alias>e</alias></target></prop_value><prop_value config_name='A.P' "
-       "config_value='1'/><prop_value config_name='r.o' config_value='" + v91 + "v'/></setup_odm></c>",
+      {"<c><setup_odm><x config_name='a.p' config_value='1'/><prop_value config_name='a.p' "
+       "config_value='1'><y name='no'><alias>q</alias></y><target name='t2'><alias>x</alias></target>"
+       "<target><alias>z</alias></target><other name='t1'><alias>y</alias></other></prop_value>"
+       "<prop_value config_name='a.p' config_value='2'><target name='no'><alias>x</alias></target>"
+       "</prop_value><p config_name='b.p' config_value='2'><target name='t1'><alias>z</alias></target>"
+       "</p><prop_value config_name='b.p'/><prop_value config_name='u.p' config_value=''><target "
+       "name='u'><alias>e</alias></target></prop_value><prop_value config_name='A.P' config_value='1'/>"
+       "<prop_value config_name='r.o' config_value='" + v91 + "v'/></setup_odm></c>",
        {}, {{"t1", "y"}, {"t1", "z"}, {"t2", "x"}, {"u", "e"}},
        {"--END OF FISRT LOOP--- ", "config_name a.p", "config_value 1", "device_prop_value_str 1",
         "matched ro.config.device", "aliasName x", "target_name t2", "aliasName y", "target_name t1",
