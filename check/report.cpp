@@ -147,8 +147,8 @@ void print_text(const Options& options, const Report& report) {
 
   const size_t errors = count(report, true);
   const size_t warnings = count(report, false);
-  printf("\nFindings: %zu error%s, %zu warning%s\n", errors, errors == 1 ? "" : "s", warnings,
-         warnings == 1 ? "" : "s");
+  printf("\nFindings: %zu error%s, %zu warning%s\n", errors, plural(errors), warnings,
+         plural(warnings));
   std::vector<Finding> findings = report.findings;
   std::stable_sort(findings.begin(), findings.end(),
                    [](const Finding& a, const Finding& b) { return a.error > b.error; });
