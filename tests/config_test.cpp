@@ -86,7 +86,7 @@ TEST_F(Config, Selection) {
       {"RK9", {{"RK7", "rook"}}, {}, {"RK9"}, "RK9", "RK9", ""},
       {"rook", {{"RK7", "rook"}}, {{"rook", "rook"}}, {"RK7"}, "RK7", "RK7", ""},
       {"rook", {{"RK7", "rook"}}, {{"RK7DS", "rook"}}, {"RK7DS"}, "RK7DS", "RK7DS", "3"},
-      {"r", {{"", "r"}}, {}, {"VX41"}, "VX41", "VX41", ""},
+      {"r", {{"RK7", "r"}}, {{"", "r"}}, {"VX41"}, "VX41", "VX41", "3"},
       {"RK7_RU", {}, {}, {"RK7_RU", "RK7"}, "RK7_RU", "RK7_RU", ""},
       {"RK7_RU", {}, {}, {"RK7"}, "RK7_RU", "RK7", "56"},
       {"X_RU_RU", {}, {}, {"X_RU", "X"}, "X_RU_RU", "X_RU", "56"},
