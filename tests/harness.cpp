@@ -1,5 +1,6 @@
 #include "tests/harness.h"
 
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
