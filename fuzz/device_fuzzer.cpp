@@ -38,8 +38,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   property_set("ro.vendor.product", product.c_str());
   fs::remove_all("/vendor/etc");
   put(source_manifest_path(kDefaultModel), "");
-  // A model with "/" would name a path outside the source trees.
-  if (model.find('/') == std::string::npos) put(source_manifest_path(model), "");
+  // Only a model that names one directory entry gets a tree.
+  if (model.size() < 200 && model.find_first_of(std::string("/\0", 2)) == std::string::npos) {
+    put(source_manifest_path(model), "");
+  }
   put("/odm/etc/odmconfig.xml", std::string(std::istreambuf_iterator<char>(in), {}));
   std::string answers[2];
   for (SelectionVariant variant : {kProvisioningRun, kImageNameQuery}) {
