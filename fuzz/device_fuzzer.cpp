@@ -3,6 +3,7 @@
 // NAME=VALUE property line, a model whose tree gets a manifest, and the
 // configuration. Both callers' selections must agree.
 #include <android-base/logging.h>
+#include <limits.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -38,8 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   property_set("ro.vendor.product", product.c_str());
   fs::remove_all("/vendor/etc");
   put(source_manifest_path(kDefaultModel), "");
-  // Only a model that names one directory entry gets a tree.
-  if (model.size() < 200 && model.find_first_of(std::string("/\0", 2)) == std::string::npos) {
+  // Only a model that names one directory entry ("odm_" + model) gets a tree.
+  if (model.size() <= NAME_MAX - 4 && model.find_first_of(std::string("/\0", 2)) == std::string::npos) {
     put(source_manifest_path(model), "");
   }
   put("/odm/etc/odmconfig.xml", std::string(std::istreambuf_iterator<char>(in), {}));
