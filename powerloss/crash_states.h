@@ -1,0 +1,54 @@
+// The states a disk can be left in when power fails during a logged run. A
+// disk may hold back any write it has not been told to flush: once a flush
+// completes, every write logged before it is on the disk; of the writes since
+// the last flush (one epoch), any subset may be, and a write of several
+// blocks may be there in part, since a disk writes only one block at a time
+// whole.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "powerloss/write_log.h"
+
+// The unit a disk writes whole: the block size both file systems are made
+// with, and a flash page.
+inline constexpr uint64_t kBlockSize = 4096;
+
+// What of one logged write is on the disk.
+struct Piece {
+  size_t entry = 0;
+  std::vector<uint64_t> blocks;  // its blocks there, ascending; empty: all of it
+  bool operator<(const Piece& o) const { return entry < o.entry || (entry == o.entry && blocks < o.blocks); }
+  bool operator==(const Piece& o) const { return entry == o.entry && blocks == o.blocks; }
+};
+
+struct CrashState {
+  bool reordered = false;     // not a prefix of the log
+  size_t epoch = 0;           // the epoch power failed in, from 0
+  std::vector<Piece> pieces;  // in log order
+};
+
+// The flush epoch of each entry: 0 up to and including the first flush, which
+// ends it. (QEMU logs a flush without data.)
+std::vector<size_t> entry_epochs(const WriteLog& log);
+
+// One state per prefix of the log's writes: none, the first, the first two,
+// and so on up to all of them.
+std::vector<CrashState> prefix_states(const WriteLog& log);
+
+// Up to |count| distinct states, each holding every write of the epochs
+// before its own and, of its own epoch's writes, a subset that no prefix
+// gives. Every subset of whole writes when they are at most half of |count|,
+// then the rest drawn with |seed|, by blocks (and by whole writes in half the
+// draws when those were too many to take all). Fewer when the log allows
+// fewer.
+std::vector<CrashState> reordered_states(const WriteLog& log, size_t count, uint64_t seed);
+
+// |pieces| as "0-12,14,15[0,2-3]": whole entries, then an entry's blocks in
+// brackets ("-" when there is none); and back, false on bad text.
+std::string format_pieces(const std::vector<Piece>& pieces);
+bool parse_pieces(const std::string& text, std::vector<Piece>* pieces);

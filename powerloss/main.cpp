@@ -1,0 +1,141 @@
+// crash-states: the host and guest half of tools/powerloss. It reads the write
+// log of a recorded device start, lists the crash states to check, writes the
+// disk image of one, and judges the /odm a state leads to.
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "powerloss/crash_states.h"
+#include "powerloss/odm_check.h"
+#include "powerloss/state_image.h"
+#include "powerloss/write_log.h"
+
+namespace {
+
+const char kUsage[] = R"(Usage:
+  crash-states list LOG [--states N] [--seed S]
+      every prefix of the log, then up to N (default 200) reordered states
+      drawn with seed S (default 1); one line each: ID KIND ENTRIES WHAT
+  crash-states image LOG BASE OUT ENTRIES
+      writes to OUT the image BASE with the log's ENTRIES ("0-12,14"; blocks
+      of an entry as "15[0,2-3]"; "-" for none)
+  crash-states check ODM REFERENCE
+      in a crash state: a stamp with the new version vouches for every file
+  crash-states compare ODM REFERENCE
+      after the next starts: ODM equals REFERENCE
+Exit status: 0 when it holds, 1 when not, 2 on a usage or read error.
+)";
+
+int usage_error(const std::string& message) {
+  fprintf(stderr, "crash-states: %s\n%s", message.c_str(), kUsage);
+  return 2;
+}
+
+bool load(const std::string& path, WriteLog* log) {
+  std::string error;
+  if (read_write_log(path, log, &error)) return true;
+  fprintf(stderr, "crash-states: %s\n", error.c_str());
+  return false;
+}
+
+// A number of |text|, or false.
+bool number(const char* text, uint64_t* value) {
+  char* end;
+  errno = 0;
+  *value = strtoull(text, &end, 10);
+  return *text != '\0' && *end == '\0' && errno == 0 && text[0] != '-';
+}
+
+// One sentence on |state| for the reader of a failure report.
+std::string describe(const WriteLog& log, const CrashState& state, size_t writes) {
+  if (!state.reordered) {
+    return "the first " + std::to_string(state.pieces.size()) + " of " + std::to_string(writes) +
+           " writes, in log order";
+  }
+  const std::vector<size_t> epochs = entry_epochs(log);
+  std::vector<size_t> epoch_entries;
+  for (size_t i = 0; i < epochs.size(); ++i) {
+    if (epochs[i] == state.epoch && changes_disk(log.entries[i])) epoch_entries.push_back(i);
+  }
+  size_t whole = 0;
+  size_t part = 0;
+  for (const Piece& piece : state.pieces) {
+    if (epochs[piece.entry] != state.epoch) continue;
+    ++(piece.blocks.empty() ? whole : part);
+  }
+  const std::string some = "of the " + std::to_string(epoch_entries.size()) + " writes";
+  const std::string which = " (entries " + std::to_string(epoch_entries.front()) + "-" +
+                            std::to_string(epoch_entries.back()) + ")";
+  const std::string taken = ", " + std::to_string(whole) + " whole" +
+                            (part > 0 ? " and " + std::to_string(part) + " in part" : "");
+  if (state.epoch == 0) return some + " before the first flush" + which + taken;
+  return "every write up to flush " + std::to_string(state.epoch) + ", then " + some +
+         " after it" + which + taken;
+}
+
+int list(int argc, char** argv) {
+  if (argc < 1) return usage_error("list needs a log");
+  uint64_t count = 200;
+  uint64_t seed = 1;
+  for (int i = 1; i < argc; i += 2) {
+    uint64_t* target = strcmp(argv[i], "--states") == 0 ? &count
+                       : strcmp(argv[i], "--seed") == 0 ? &seed
+                                                        : nullptr;
+    if (target == nullptr || i + 1 >= argc || !number(argv[i + 1], target)) {
+      return usage_error(std::string("bad option ") + argv[i]);
+    }
+  }
+  WriteLog log;
+  if (!load(argv[0], &log)) return 2;
+  std::vector<CrashState> states = prefix_states(log);
+  const size_t writes = states.back().pieces.size();
+  const size_t flushes = entry_epochs(log).empty() ? 0 : entry_epochs(log).back();
+  printf("# %zu entries: %zu writes, %zu flushes\n", log.entries.size(), writes, flushes);
+  for (const CrashState& state : reordered_states(log, count, seed)) states.push_back(state);
+  for (size_t id = 0; id < states.size(); ++id) {
+    printf("%zu %s %s %s\n", id + 1, states[id].reordered ? "reordered" : "prefix",
+           format_pieces(states[id].pieces).c_str(), describe(log, states[id], writes).c_str());
+  }
+  return 0;
+}
+
+int image(int argc, char** argv) {
+  if (argc != 4) return usage_error("image needs LOG BASE OUT ENTRIES");
+  WriteLog log;
+  if (!load(argv[0], &log)) return 2;
+  std::vector<Piece> pieces;
+  if (!parse_pieces(argv[3], &pieces)) return usage_error(std::string("bad entries ") + argv[3]);
+  std::string error;
+  if (write_state_image(argv[0], log, pieces, argv[1], argv[2], &error)) return 0;
+  fprintf(stderr, "crash-states: %s\n", error.c_str());
+  return 2;
+}
+
+int judge(int argc, char** argv, bool (*rule)(const std::string&, const std::string&,
+                                               std::vector<std::string>*)) {
+  if (argc != 2) return usage_error("needs ODM REFERENCE");
+  std::vector<std::string> report;
+  const bool holds = rule(argv[0], argv[1], &report);
+  for (const std::string& line : report) printf("%s\n", line.c_str());
+  return holds ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc >= 2 && (strcmp(argv[1], "-h") == 0 || strcmp(argv[1], "--help") == 0)) {
+    fputs(kUsage, stdout);
+    return 0;
+  }
+  if (argc < 2) return usage_error("no command");
+  const std::string command = argv[1];
+  if (command == "list") return list(argc - 2, argv + 2);
+  if (command == "image") return image(argc - 2, argv + 2);
+  if (command == "check") return judge(argc - 2, argv + 2, check_stamp);
+  if (command == "compare") return judge(argc - 2, argv + 2, compare_odm);
+  return usage_error("unknown command " + command);
+}
