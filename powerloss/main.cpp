@@ -50,11 +50,16 @@ bool number(const char* text, uint64_t* value) {
   return *text != '\0' && *end == '\0' && errno == 0 && text[0] != '-';
 }
 
+// "1 write", "2 writes".
+std::string counted(size_t n, const std::string& noun) {
+  return std::to_string(n) + " " + noun + (n == 1 ? "" : noun.back() == 'h' ? "es" : "s");
+}
+
 // One sentence on |state| for the reader of a failure report.
 std::string describe(const WriteLog& log, const CrashState& state, size_t writes) {
   if (!state.reordered) {
-    return "the first " + std::to_string(state.pieces.size()) + " of " + std::to_string(writes) +
-           " writes, in log order";
+    return "the first " + std::to_string(state.pieces.size()) + " of " + counted(writes, "write") +
+           ", in log order";
   }
   const std::vector<size_t> epochs = entry_epochs(log);
   std::vector<size_t> epoch_entries;
@@ -67,7 +72,7 @@ std::string describe(const WriteLog& log, const CrashState& state, size_t writes
     if (epochs[piece.entry] != state.epoch) continue;
     ++(piece.blocks.empty() ? whole : part);
   }
-  const std::string some = "of the " + std::to_string(epoch_entries.size()) + " writes";
+  const std::string some = "of the " + counted(epoch_entries.size(), "write");
   const std::string which = " (entries " + std::to_string(epoch_entries.front()) + "-" +
                             std::to_string(epoch_entries.back()) + ")";
   const std::string taken = ", " + std::to_string(whole) + " whole" +
@@ -93,8 +98,10 @@ int list(int argc, char** argv) {
   if (!load(argv[0], &log)) return 2;
   std::vector<CrashState> states = prefix_states(log);
   const size_t writes = states.back().pieces.size();
-  const size_t flushes = entry_epochs(log).empty() ? 0 : entry_epochs(log).back();
-  printf("# %zu entries: %zu writes, %zu flushes\n", log.entries.size(), writes, flushes);
+  size_t flushes = 0;
+  for (const LogEntry& entry : log.entries) flushes += (entry.flags & kLogFlush) != 0;
+  printf("# %zu entries: %s, %s\n", log.entries.size(), counted(writes, "write").c_str(),
+         counted(flushes, "flush").c_str());
   for (const CrashState& state : reordered_states(log, count, seed)) states.push_back(state);
   for (size_t id = 0; id < states.size(); ++id) {
     printf("%zu %s %s %s\n", id + 1, states[id].reordered ? "reordered" : "prefix",
