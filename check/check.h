@@ -87,9 +87,8 @@ std::string shown(const std::string& text);
 // that becomes /vendor/etc/odm) and what |options| name into a new device
 // root and points TARNWICK_ROOT at it; nothing of the program's library may
 // run before, or it would look up paths on the host. False with |error| set
-// when it cannot.
+// when it cannot. The root is removed at exit, and on SIGINT, SIGTERM and SIGHUP.
 bool make_device(const Options& options, const std::string& tree, std::string* error);
-void remove_device();
 // Device path |path| on the host, for what the checker itself lays out there.
 std::string host(const std::string& path);
 // True when device path |path| is a directory, links followed inside the root.

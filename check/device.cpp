@@ -59,6 +59,11 @@ void remove_at(int dir, const char* name) {
   unlinkat(dir, name, AT_REMOVEDIR);
 }
 
+void remove_device() {
+  std::error_code ec;
+  if (!root_path.empty()) fs::remove_all(root_path, ec);
+}
+
 // An interrupted check leaves no scratch root behind.
 void on_signal(int sig) {
   remove_at(AT_FDCWD, removal_path);
@@ -115,6 +120,7 @@ bool make_device(const Options& options, const std::string& tree, std::string* e
   root_path = path;
   strcpy(removal_path, path.c_str());
   for (int sig : {SIGINT, SIGTERM, SIGHUP}) signal(sig, on_signal);
+  atexit(remove_device);
   std::error_code ec;
   for (const char* dir : {"/vendor/etc", "/odm", "/dev/__properties__", "/tarnwick-check"}) {
     fs::create_directories(host(dir), ec);
@@ -134,11 +140,6 @@ bool make_device(const Options& options, const std::string& tree, std::string* e
   }
   setenv("TARNWICK_ROOT", path.c_str(), 1);
   return true;
-}
-
-void remove_device() {
-  std::error_code ec;
-  if (!root_path.empty()) fs::remove_all(root_path, ec);
 }
 
 std::string host(const std::string& path) { return root_path + path; }

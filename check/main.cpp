@@ -177,12 +177,9 @@ int main(int argc, char** argv) {
   status = check_arguments(options, tree);
   if (status >= 0) return status;
   std::string error;
-  if (make_device(options, tree, &error)) {
-    status = check(options);
-  } else {
+  if (!make_device(options, tree, &error)) {
     fprintf(stderr, "tarnwick-check: %s\n", error.c_str());
-    status = 2;
+    return 2;
   }
-  remove_device();
-  return status;
+  return check(options);
 }

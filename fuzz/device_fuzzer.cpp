@@ -18,6 +18,8 @@ namespace fs = std::filesystem;
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   android::base::SetMinimumLogSeverity(android::base::FATAL);
   host_root = make_root();
+  fs::create_directories(host("/dev/__properties__"));
+  fs::create_directories(host("/odm"));
   setenv("TARNWICK_ROOT", host_root.c_str(), 1);
   // A run that ends in a finding skips this and leaves the device as it found it.
   atexit([] { remove_root(host_root); });

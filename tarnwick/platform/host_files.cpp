@@ -38,8 +38,9 @@ int open_beneath(int dir, const char* path, int flags, mode_t mode) {
 }
 
 // The device root, opened once; -1 when paths are used as they are. A root
-// that cannot be used ends the process: a start over the host's own /odm
-// instead would be far worse than none.
+// that cannot be used ends the process (exit, so that a host tool's own
+// clean-up runs): a start over the host's own /odm instead would be far worse
+// than none.
 int open_root() {
   const char* root = getenv(kRootVariable);
   if (root == nullptr || root[0] == '\0') return -1;
@@ -47,13 +48,13 @@ int open_root() {
   if (fd < 0) {
     fprintf(stderr, "%s: %s=%s: %s\n", program_invocation_short_name, kRootVariable, root,
             strerror(errno));
-    _exit(2);
+    exit(2);
   }
   const int probe = open_beneath(fd, "/", O_PATH | O_CLOEXEC, 0);
   if (probe < 0) {
     fprintf(stderr, "%s: %s needs openat2 with RESOLVE_IN_ROOT (Linux 5.6 or later): %s\n",
             program_invocation_short_name, kRootVariable, strerror(errno));
-    _exit(2);
+    exit(2);
   }
   close(probe);
   return fd;
