@@ -249,7 +249,6 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
       const std::string final_model = confirm_model_source(preliminary, kProvisioningRun);
       const std::string why = reason(product, get_model_name(product, TargetAliasMap),
                                      model_hits[p], preliminary, final_model);
-      put_property(kProductProperty, "");
       answers[p++].emplace_back(preliminary, final_model, why);
     }
   }
