@@ -1,8 +1,9 @@
 // tarnwick-check: what tarnwick does with a vendor ODM tree, worked out by the
-// program's own library inside the device sandbox, whose /vendor/etc/odm is
-// the tree.
+// program's own library (and, for device starts, the program) over a scratch
+// device root whose /vendor/etc/odm is a copy of the tree.
 #pragma once
 
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <set>
@@ -10,9 +11,10 @@
 #include <utility>
 #include <vector>
 
-// Where the host part puts what the inner run needs, seen from inside.
-inline constexpr char kCheckConfig[] = "/vendor/tarnwick-check/odmconfig.xml";
-inline constexpr char kCheckInstalled[] = "/vendor/tarnwick-check/installed";
+// Where the scratch device holds --config (when the tree has no configuration
+// of its own to stand in for) and a copy of --installed, as device paths.
+inline constexpr char kCheckConfig[] = "/tarnwick-check/odmconfig.xml";
+inline constexpr char kCheckInstalled[] = "/tarnwick-check/installed";
 
 struct Options {
   std::string tree;                      // as given on the command line
@@ -71,12 +73,45 @@ struct Report {
   std::vector<Finding> findings;
 };
 
+// Words every part of the report uses (words.cpp).
 // Adds a finding to |report|.
 void add_finding(Report* report, std::string code, bool error, std::string subject,
                  std::string message, std::string advice);
+// |path| under /vendor/etc/odm, relative to it.
+std::string in_tree(const std::string& path);
+// |text| as it is when it is a plain name, else in quotes with bytes other
+// than printable ASCII escaped.
+std::string shown(const std::string& text);
 
-// Each step fills its part of the report. They run inside the sandbox, in this
-// order, with the program's log silenced.
+// The scratch device (device.cpp). make_device copies |tree| (the directory
+// that becomes /vendor/etc/odm) and what |options| name into a new device
+// root and points TARNWICK_ROOT at it; nothing of the program's library may
+// run before, or it would look up paths on the host. False with |error| set
+// when it cannot. The root is removed at exit, and on SIGINT, SIGTERM and SIGHUP.
+bool make_device(const Options& options, const std::string& tree, std::string* error);
+// Device path |path| on the host, for what the checker itself lays out there.
+std::string host(const std::string& path);
+// True when device path |path| is a directory, links followed inside the root.
+bool is_directory(const std::string& path);
+// The entries of device directory |path| and their types (links not followed).
+std::vector<std::pair<std::string, std::filesystem::file_type>> list_dir(const std::string& path);
+// Makes /odm what a provisioning run would start from: empty, or a copy of
+// --installed; with the configuration the run reads at /odm/etc/odmconfig.xml.
+void prepare_odm(const Options& options, bool with_installed);
+// Sets property |name| in the store as boot.prop would; an empty value unsets it.
+void put_property(const std::string& name, const std::string& value);
+// Writes the property store of one start: |setting|, the --prop values and
+// the product text; everything else unset.
+void write_properties(const Options& options, const Setting& setting, const std::string& product);
+// One device start of the program over the device as it stands, with the
+// properties of |setting| and |product|; false, after saying why, when it
+// could not run to its end.
+bool start_program(const Options& options, const Setting& setting, const std::string& product);
+// True when the last start found the two stamps equal, and so provisioned nothing.
+bool stamps_were_equal();
+
+// Each step fills its part of the report, in this order, with the program's
+// log silenced.
 // The document at /odm/etc/odmconfig.xml: findings, and the property tests of
 // its blocks (property name -> values named).
 std::map<std::string, std::set<std::string>> scan_config(const std::string& label, Report* report);
@@ -91,21 +126,6 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
 // on --installed. Runs the program itself for what only a start can tell;
 // false when it could not.
 bool examine_trees(const Options& options, Report* report);
-
-// Makes /odm what a provisioning run would start from: empty, or a copy of
-// --installed; with the configuration the run reads at /odm/etc/odmconfig.xml.
-void prepare_odm(const Options& options, bool with_installed);
-
-// Writes the property store of one start: |setting|, the --prop values and
-// the product text; everything else unset.
-void write_properties(const Options& options, const Setting& setting, const std::string& product);
-
-// |path| under /vendor/etc/odm, relative to it.
-std::string in_tree(const std::string& path);
-
-// |text| as it is when it is a plain name, else in quotes with bytes other
-// than printable ASCII escaped.
-std::string shown(const std::string& text);
 
 void print_text(const Options& options, const Report& report);
 void print_json(const Options& options, const Report& report);

@@ -1,17 +1,16 @@
-// tarnwick-check: explains and checks a vendor ODM tree before it ships. The
-// host part validates the command line and starts the inner part in the device
-// sandbox, whose /vendor/etc/odm is the tree; the inner part asks the
-// program's library (and, for device starts, the program) and reports.
+// tarnwick-check: explains and checks a vendor ODM tree before it ships. It
+// checks the command line, copies the tree into a scratch device root, asks
+// the program's library there (and, for device starts, the program) and
+// reports.
 #include <android-base/logging.h>
 #include <dirent.h>
+#include <errno.h>
 #include <getopt.h>
 #include <stdio.h>
 #include <string.h>
-
-#include <filesystem>
+#include <unistd.h>
 
 #include "check/check.h"
-#include "host/device_sandbox.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/paths.h"
 #include "tarnwick/platform/host_cutils.h"
@@ -106,9 +105,10 @@ std::string tree_of(const std::string& dir) {
   return fs::absolute(dir);
 }
 
-// The host part: checks what the inner run cannot, then starts it.
-int run_outside(const Options& options, int argc, char** argv) {
-  const std::string tree = tree_of(options.tree);
+// What the command line names must be there before anything is copied. Plain
+// C library calls: the library's own resolve inside the device root, which
+// does not exist yet.
+int check_arguments(const Options& options, const std::string& tree) {
   std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(tree.c_str()), closedir);
   if (!listing) {
     return usage_error("cannot read " + options.tree + ": " + strerror(errno));
@@ -121,37 +121,17 @@ int run_outside(const Options& options, int argc, char** argv) {
     return usage_error(options.tree + " holds no odm_<model> tree: give the directory that "
                        "becomes /vendor/etc/odm, or a device root");
   }
-  if (!options.config.empty() && !open_file(options.config, "r")) {
+  if (!options.config.empty() && access(options.config.c_str(), R_OK) != 0) {
     return usage_error("cannot read --config " + options.config + ": " + strerror(errno));
   }
   if (!options.installed.empty() && !readable_dir(options.installed)) {
     return usage_error("cannot read --installed " + options.installed + ": " + strerror(errno));
   }
-
-  const std::string root = device_sandbox::make_root();
-  const std::string staging = root + "/vendor/tarnwick-check";
-  fs::create_directories(root + "/vendor/etc/odm");
-  fs::create_directories(staging + "/installed");
-  std::vector<std::string> binds = device_sandbox::ro_bind(tree, "/vendor/etc/odm");
-  const std::string default_config = tree + "/odm_default/odm/etc/odmconfig.xml";
-  if (!options.config.empty()) {
-    const std::string config = fs::absolute(options.config);
-    if (fs::is_regular_file(default_config)) {
-      const auto bind = device_sandbox::ro_bind(config, kDefaultConfigPath);
-      binds.insert(binds.end(), bind.begin(), bind.end());
-    } else {
-      fs::copy_file(config, staging + "/odmconfig.xml");
-    }
-  }
-  if (!options.installed.empty()) {
-    const auto bind = device_sandbox::ro_bind(fs::absolute(options.installed), kCheckInstalled);
-    binds.insert(binds.end(), bind.begin(), bind.end());
-  }
-  return device_sandbox::rerun(root, binds, std::vector<std::string>(argv + 1, argv + argc));
+  return -1;
 }
 
-// The inner part, in the sandbox: the report and its exit status.
-int run_inside(const Options& options) {
+// The report and its exit status, over the checker's device.
+int check(const Options& options) {
   // The library's own log lines would bury the report.
   android::base::SetMinimumLogSeverity(android::base::FATAL);
   Report report;
@@ -191,7 +171,15 @@ int run_inside(const Options& options) {
 
 int main(int argc, char** argv) {
   Options options;
-  const int status = parse(argc, argv, &options);
+  int status = parse(argc, argv, &options);
   if (status >= 0) return status;
-  return device_sandbox::inside() ? run_inside(options) : run_outside(options, argc, argv);
+  const std::string tree = tree_of(options.tree);
+  status = check_arguments(options, tree);
+  if (status >= 0) return status;
+  std::string error;
+  if (!make_device(options, tree, &error)) {
+    fprintf(stderr, "tarnwick-check: %s\n", error.c_str());
+    return 2;
+  }
+  return check(options);
 }

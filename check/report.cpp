@@ -48,37 +48,6 @@ size_t count(const Report& report, bool errors) {
 
 }  // namespace
 
-std::string shown(const std::string& text) {
-  const bool plain = !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) {
-    return isalnum(c) || c == '_' || c == '-' || c == '.';
-  });
-  if (plain) return text;
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    char buf[8];
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c == '\n') {
-      out += "\\n";
-    } else if (c == '\t') {
-      out += "\\t";
-    } else if (c < 0x20 || c >= 0x7f) {
-      snprintf(buf, sizeof(buf), "\\x%02x", c);
-      out += buf;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
-}
-
-void add_finding(Report* report, std::string code, bool error, std::string subject,
-                 std::string message, std::string advice) {
-  report->findings.push_back({std::move(code), error, std::move(subject), std::move(message),
-                              std::move(advice)});
-}
-
 void print_text(const Options& options, const Report& report) {
   printf("tarnwick-check %s\n", options.tree.c_str());
   printf("  configuration  %s\n", report.config.c_str());

@@ -1,11 +1,9 @@
 // The resolution table: every product text under every setting of the tested
 // properties, answered by the program's own loader, look-up and selection.
 #include <stdio.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <tuple>
 
 #include "check/check.h"
@@ -19,7 +17,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const char kProductPath[] = "/dev/__properties__/ro.vendor.product";
 const char kProductProperty[] = "ro.vendor.product";
 // More settings than this ask for --prop rather than a table nobody reads.
 const size_t kMaxSettings = 4096;
@@ -30,11 +27,6 @@ std::string trimmed(const std::string& text) {
   const char* blanks = " \t\r\n";
   const size_t begin = text.find_first_not_of(blanks);
   return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(blanks) + 1 - begin);
-}
-
-void put_property(const std::string& name, const std::string& value) {
-  if (value.empty() || !tarnwick_host::is_legal_property_name(name.c_str())) return;
-  std::ofstream(std::string(tarnwick_host::kPropertyDir) + "/" + name, std::ios::binary) << value;
 }
 
 std::string value_text(const std::optional<std::string>& value) {
@@ -142,7 +134,7 @@ void check_names(const std::vector<std::pair<AliasMap, AliasMap>>& tables, Repor
   for (const auto& [kind, name] : names) {
     // The fallback's own tree is the fallback finding's matter.
     if (name == kDefaultModel || exists_file(source_manifest_path(name))) continue;
-    const bool tree = fs::is_directory(kModelTreePrefix + name);
+    const bool tree = is_directory(kModelTreePrefix + name);
     const std::string instead = confirm_model_source(name, kProvisioningRun);
     // A name with no tree of its own that the selection maps to another real
     // tree (the regional rule) is by design; a tree it skips is not.
@@ -156,17 +148,6 @@ void check_names(const std::vector<std::pair<AliasMap, AliasMap>>& tables, Repor
 }
 
 }  // namespace
-
-void write_properties(const Options& options, const Setting& setting, const std::string& product) {
-  for (const auto& entry : fs::directory_iterator(tarnwick_host::kPropertyDir)) {
-    fs::remove_all(entry.path());
-  }
-  for (const auto& [name, value] : options.props) put_property(name, value);
-  for (const auto& [name, value] : setting) {
-    if (value) put_property(name, *value);
-  }
-  put_property(kProductProperty, product);
-}
 
 bool resolve(const Options& options, const std::map<std::string, std::set<std::string>>& tests,
              Report* report) {
@@ -226,9 +207,9 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
       }
     }
     const std::string dir = fs::path(kModelTreePrefix).parent_path();
-    for (const auto& entry : fs::directory_iterator(dir)) {
-      const std::string name = entry.path().filename();
-      if (name.rfind("odm_", 0) == 0 && entry.is_directory()) products.insert(name.substr(4));
+    for (const auto& entry : list_dir(dir)) {
+      const std::string& name = entry.first;
+      if (name.rfind("odm_", 0) == 0 && is_directory(dir + "/" + name)) products.insert(name.substr(4));
     }
   }
   for (auto it = products.begin(); it != products.end();) {
@@ -268,7 +249,6 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
       const std::string final_model = confirm_model_source(preliminary, kProvisioningRun);
       const std::string why = reason(product, get_model_name(product, TargetAliasMap),
                                      model_hits[p], preliminary, final_model);
-      unlink(kProductPath);
       answers[p++].emplace_back(preliminary, final_model, why);
     }
   }

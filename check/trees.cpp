@@ -1,18 +1,10 @@
 // What each final tree installs, and what only a device start can tell: the
 // source stamps and the next start on an installed tree, by running the
-// program itself over the sandbox's device.
-#include <fcntl.h>
-#include <limits.h>
-#include <spawn.h>
+// program itself over the checker's device.
 #include <stdio.h>
-#include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <set>
-#include <sstream>
 
 #include "check/check.h"
 #include "tarnwick/config/config.h"
@@ -26,53 +18,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const char kProgram[] = "tarnwick";
-// Set only when a start found the two stamps equal, and so provisioned nothing.
-const char kVersionProperty[] = "ro.vendor.odm.version";
 const char kTreeConfig[] = "odmconfig.xml";
-
-void clear_dir(const std::string& dir) {
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(dir, ec)) fs::remove_all(entry.path(), ec);
-}
-
-// One device start of the program (built beside this tool) over the sandbox's
-// device as it stands, with a fresh property store and kernel log; under the
-// runner's wrapper (TARNWICK_WRAP) when there is one. False when it could not
-// run to its end.
-bool start_program(const Options& options, const Setting& setting, const std::string& product) {
-  write_properties(options, setting, product);
-  if (truncate("/dev/kmsg", 0) != 0) return false;
-  char self[PATH_MAX];
-  ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (n < 0) return false;
-  self[n] = '\0';
-  std::vector<std::string> argv;
-  std::istringstream wrap(getenv("TARNWICK_WRAP") != nullptr ? getenv("TARNWICK_WRAP") : "");
-  for (std::string word; wrap >> word;) argv.push_back(word);
-  argv.push_back((fs::path(self).parent_path() / kProgram).string());
-  std::vector<char*> cargv;
-  for (std::string& arg : argv) cargv.push_back(arg.data());
-  cargv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t pid;
-  int status = 0;
-  int spawned = posix_spawnp(&pid, cargv[0], &actions, nullptr, cargv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (spawned == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-      WEXITSTATUS(status) == 0) {
-    return true;
-  }
-  fprintf(stderr, "tarnwick-check: %s did not run to its end; is it built?\n", argv.back().c_str());
-  return false;
-}
-
-bool stamps_were_equal() {
-  return fs::exists(std::string(tarnwick_host::kPropertyDir) + "/" + kVersionProperty);
-}
 
 // |texts| quoted, at most |limit| of them.
 std::string join(const std::vector<std::string>& texts, size_t limit = 6) {
@@ -124,26 +70,9 @@ void check_tree_config(const Options& options, const Report& report, const Tree&
 
 }  // namespace
 
-std::string in_tree(const std::string& path) {
-  return path.substr(fs::path(kModelTreePrefix).parent_path().string().size() + 1);
-}
-
-void prepare_odm(const Options& options, bool with_installed) {
-  clear_dir("/odm");
-  std::error_code ec;
-  if (with_installed) fs::copy(kCheckInstalled, "/odm", fs::copy_options::recursive |
-                                                         fs::copy_options::copy_symlinks, ec);
-  fs::create_directories("/odm/etc", ec);
-  if (exists_file(kDefaultConfigPath)) {
-    copy_file(kDefaultConfigPath, kConfigPath);
-  } else if (!options.config.empty()) {
-    copy_file(kCheckConfig, kConfigPath);
-  }
-}
-
 bool examine_trees(const Options& options, Report* report) {
   if (!exists_file(source_manifest_path(kDefaultModel))) {
-    const bool tree = fs::is_directory(kModelTreePrefix + std::string(kDefaultModel));
+    const bool tree = is_directory(kModelTreePrefix + std::string(kDefaultModel));
     add_finding(report, "no-fallback", true, std::string("odm_") + kDefaultModel,
                 tree ? "the fallback tree has no vintf/manifest.xml"
                      : "the fallback tree is missing",
@@ -175,15 +104,16 @@ bool examine_trees(const Options& options, Report* report) {
     // in their own directories.
     std::set<std::string> fixed_dirs;
     for (const char* name : kFixedInstalls) fixed_dirs.insert(fs::path(name).parent_path());
-    std::error_code ec;
-    for (const auto& entry : fs::recursive_directory_iterator(etc, ec)) {
-      const std::string name = entry.path().lexically_relative(etc);
-      const bool top = name.find('/') == std::string::npos;
-      const auto type = entry.symlink_status().type();
-      if (top ? std::binary_search(listed.begin(), listed.end(), name) ||
+    auto entries = list_dir(etc);
+    for (const std::string& dir : fixed_dirs) {
+      if (std::count(entries.begin(), entries.end(), std::make_pair(dir, fs::file_type::directory)) == 0) continue;
+      for (const auto& [name, type] : list_dir(etc + dir)) entries.emplace_back(dir + "/" + name, type);
+    }
+    for (const auto& [name, type] : entries) {
+      if (name.find('/') == std::string::npos
+              ? std::binary_search(listed.begin(), listed.end(), name) ||
                     (fixed_dirs.count(name) != 0 && type == fs::file_type::directory)
-              : fixed_dirs.count(fs::path(name).parent_path()) == 0 ||
-                    std::count(tree.installs.begin(), tree.installs.end(), name) != 0) {
+              : std::count(tree.installs.begin(), tree.installs.end(), name) != 0) {
         continue;
       }
       tree.left_out.emplace_back(name, type == fs::file_type::symlink     ? "link"
@@ -225,10 +155,11 @@ bool examine_trees(const Options& options, Report* report) {
                          stamp.products.end());
     const std::string shown = in_tree(stamp.path);
     if (stamp.path != kDefaultStampPath) {
-      std::error_code ec;
+      const UniqueFile file = open_file(stamp.path, "r");
+      const bool empty = file && getc(file.get()) == EOF;
       add_finding(report, "sku-stamp", false, shown,
                   "replaces odm_default/odm/odmver.txt for " + join(stamp.products) +
-                      (fs::file_size(stamp.path, ec) == 0 ? ", and is empty" : ""),
+                      (empty ? ", and is empty" : ""),
                   "keep one stamp, in odm_default");
     }
     if (stamp.restarts_every_start) {
@@ -249,12 +180,11 @@ bool examine_trees(const Options& options, Report* report) {
     prepare_odm(options, true);
     if (!start_program(options, report->settings[row.settings[0]], row.products[0])) return false;
     row.provisions = !stamps_were_equal();
-    std::error_code ec;
-    for (const char* dir : {"/odm/etc", "/odm/etc/vintf"}) {
-      for (const auto& entry : fs::directory_iterator(dir, ec)) {
-        const std::string name = entry.path().filename();
-        if (name.rfind("manifest_", 0) != 0 || entry.path().extension() != ".xml") continue;
-        auto& products = leftovers[entry.path().string()];
+    for (const std::string dir : {"/odm/etc/", "/odm/etc/vintf/"}) {
+      for (const auto& entry : list_dir(dir)) {
+        const std::string& name = entry.first;
+        if (name.rfind("manifest_", 0) != 0 || fs::path(name).extension() != ".xml") continue;
+        auto& products = leftovers[dir + name];
         products.insert(products.end(), row.products.begin(), row.products.end());
       }
     }

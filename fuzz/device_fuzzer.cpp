@@ -1,43 +1,41 @@
 // libFuzzer target over the program's configuration loader and model
-// selection, inside the device sandbox. Input: a product text line, a
+// selection, over a device root of its own. Input: a product text line, a
 // NAME=VALUE property line, a model whose tree gets a manifest, and the
 // configuration. Both callers' selections must agree.
 #include <android-base/logging.h>
 #include <limits.h>
-#include <unistd.h>
+#include <stdlib.h>
 
 #include <filesystem>
 #include <sstream>
 
-#include "host/device_sandbox.h"
 #include "tarnwick/config/config.h"
 #include "tarnwick/platform/platform.h"
 #include "tests/harness.h"
 
 namespace fs = std::filesystem;
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  if (device_sandbox::inside()) {
-    android::base::SetMinimumLogSeverity(android::base::FATAL);
-    return 0;
-  }
-  // The working directory is bound at its own path: corpus, artifacts and
-  // inputs are given relative to it.
-  const std::string root = device_sandbox::make_root(), cwd = fs::current_path();
-  _exit(device_sandbox::rerun(root, {"--bind", cwd, cwd, "--bind", root + "/vendor", "/vendor"},
-                              std::vector<std::string>(*argv + 1, *argv + *argc)));
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  android::base::SetMinimumLogSeverity(android::base::FATAL);
+  host_root = make_root();
+  fs::create_directories(host("/dev/__properties__"));
+  fs::create_directories(host("/odm"));
+  setenv("TARNWICK_ROOT", host_root.c_str(), 1);
+  // A run that ends in a finding skips this and leaves the device as it found it.
+  atexit([] { remove_root(host_root); });
+  return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));
   std::string product, property, model;
   for (std::string* line : {&product, &property, &model}) std::getline(in, *line);
-  for (const auto& entry : fs::directory_iterator("/dev/__properties__")) fs::remove(entry.path());
+  for (const auto& entry : fs::directory_iterator(host("/dev/__properties__"))) fs::remove(entry.path());
   // The property service's own rules decide what a device could hold.
   const size_t eq = property.find('=');
   if (eq != std::string::npos) property_set(property.substr(0, eq).c_str(), property.substr(eq + 1).c_str());
   property_set("ro.vendor.product", product.c_str());
-  fs::remove_all("/vendor/etc");
+  fs::remove_all(host("/vendor/etc"));
   put(source_manifest_path(kDefaultModel), "");
   // Only a model that names one directory entry ("odm_" + model) gets a tree.
   if (model.size() <= NAME_MAX - 4 && model.find_first_of(std::string("/\0", 2)) == std::string::npos) {

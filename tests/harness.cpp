@@ -4,13 +4,12 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
-
-#include "host/device_sandbox.h"
 
 namespace fs = std::filesystem;
 
@@ -33,13 +32,15 @@ int spawn(const std::vector<std::string>& argv, const std::string& out, const st
 
 }  // namespace
 
+std::string host_root;
+
 void put(const std::string& path, const std::string& content) {
-  fs::create_directories(fs::path(path).parent_path());
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+  fs::create_directories(fs::path(host(path)).parent_path());
+  std::ofstream(host(path), std::ios::binary | std::ios::trunc) << content;
 }
 
 std::string get(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(host(path), std::ios::binary);
   std::ostringstream out;
   out << in.rdbuf();
   return in ? out.str() : "<missing>";
@@ -47,7 +48,7 @@ std::string get(const std::string& path) {
 
 std::string get_mode(const std::string& path) {
   struct stat st {};
-  if (stat(path.c_str(), &st) != 0) return "<missing>";
+  if (stat(host(path).c_str(), &st) != 0) return "<missing>";
   char mode[8];
   snprintf(mode, sizeof(mode), "%o", st.st_mode & 07777);
   return mode;
@@ -58,7 +59,13 @@ std::string prop(const std::string& root, const std::string& name) {
   return value == "<missing>" ? "<unset>" : value;
 }
 
-std::string make_root() { return device_sandbox::make_root(); }
+std::string make_root() {
+  std::string path = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+  path += "/tarnwick-test.XXXXXX";
+  if (mkdtemp(path.data()) == nullptr || chmod(path.c_str(), 0755) != 0) abort();
+  fs::create_directories(path + "/vendor");
+  return path;
+}
 
 void remove_root(const std::string& root) { fs::remove_all(root); }
 

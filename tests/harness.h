@@ -1,17 +1,26 @@
-// The device sandbox for tests and the fuzzer: files and properties of a
-// device root, starts of the program over it (tools/run-device), and runs of
-// the build's other programs. Inside the sandbox the root is "".
+// Device roots for tests and the fuzzer: their files and properties, starts
+// of the program over them (tools/run-device), and runs of the build's other
+// programs.
 #pragma once
 
 #include <string>
 #include <vector>
 
+// The device root of this process's own calls into the program's library
+// (TARNWICK_ROOT), set by the unit tests and the fuzzer; empty elsewhere.
+extern std::string host_root;
+// Where device path |path| lies on the host: under host_root.
+inline std::string host(const std::string& path) { return host_root + path; }
+
+// put, get and get_mode take device paths, which are host paths when host_root is empty.
 void put(const std::string& path, const std::string& content);  // directories made
 std::string get(const std::string& path);                        // or "<missing>"
 std::string get_mode(const std::string& path);                   // "644", or "<missing>"
 std::string prop(const std::string& root, const std::string& name);  // or "<unset>"
 
-std::string make_root();  // a new root with an empty vendor/
+// A new root with an empty vendor/, open to every user so that a test may
+// drop to an unprivileged one.
+std::string make_root();
 void remove_root(const std::string& root);
 
 struct LogLine { std::string file, message; };  // "main.cpp", the text after "] "

@@ -1,7 +1,16 @@
 // The host's libcutils: what a device's property service, restart request and
 // kernel log do with the program's calls.
+#include <errno.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <fcntl.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/platform/platform.h"
 #include "tests/unit.h"
 
@@ -64,6 +73,60 @@ TEST_F(Platform, RestartAndKernelLog) {
   klog_write(6, "%s=%d", "n", 42);
   klog_write(3, "%s", std::string(600, 'k').c_str());
   EXPECT_EQ(get("/dev/kmsg"), "<3>first: n=42" + std::string(511, 'k'));
+}
+
+// Device paths stay inside the device root whatever their links and ".."
+// say: a sibling of the root holds decoys that any escape would reach.
+TEST_F(Platform, DevicePathsStayInTheRoot) {
+  namespace fs = std::filesystem;
+  const std::string outside = host_root + ".outside";
+  fs::create_directories(outside + "/vendor/etc");
+  std::ofstream(outside + "/vendor/etc/real.xml") << "outside";
+  put("/vendor/etc/real.xml", "inside");
+  fs::create_directories(host("/odm/real_dir"));
+  fs::create_symlink("/vendor/etc/real.xml", host("/vendor/abs"));
+  fs::create_symlink("../../../../../../../vendor/etc/real.xml", host("/vendor/up"));
+  fs::create_symlink("/odm/real_dir", host("/odm/dirlink"));
+  fs::create_symlink("/../" + fs::path(outside).filename().string() + "/vendor", host("/odm/out"));
+
+  for (const char* path : {"/vendor/abs", "/vendor/up", "/../vendor/etc/real.xml", "vendor/abs"}) {
+    UniqueFile file(device_fopen(path, "r"), fclose);
+    char text[16] = {};
+    EXPECT_TRUE(file && fread(text, 1, sizeof(text), file.get()) > 0 && text == std::string("inside")) << path;
+  }
+  EXPECT_EQ(device_fopen("/odm/out/etc/real.xml", "r"), nullptr);
+  EXPECT_EQ(errno, ENOENT);
+  UniqueFile(device_fopen("/odm/dirlink/new", "w"), fclose);
+  EXPECT_EQ(get("/odm/real_dir/new"), "");
+  std::unique_ptr<DIR, int (*)(DIR*)> dir(device_opendir("/odm/dirlink/"), closedir);
+  EXPECT_NE(dir, nullptr);
+  const int fd = device_open("/odm/../../odm/dirlink/new", O_RDONLY | O_CLOEXEC);
+  EXPECT_GE(fd, 0);
+  close(fd);
+
+  // chmod follows a link; mkdir and remove act on the last name itself.
+  EXPECT_EQ(device_chmod("/vendor/abs", 0600), 0);
+  EXPECT_EQ(get_mode("/vendor/etc/real.xml"), "600");
+  EXPECT_EQ(device_mkdir("/odm/dirlink/sub/", 0700), 0);
+  EXPECT_EQ(get_mode("/odm/real_dir/sub"), "700");
+  EXPECT_EQ(device_mkdir("/odm/dirlink", 0700), -1);
+  EXPECT_EQ(errno, EEXIST);
+  EXPECT_EQ(device_remove("/odm/dirlink/sub/"), 0);
+  EXPECT_EQ(device_remove("/odm/dirlink"), 0);
+  EXPECT_TRUE(fs::is_directory(host("/odm/real_dir")) && !fs::exists(fs::symlink_status(host("/odm/dirlink"))));
+  EXPECT_EQ(device_remove("/vendor/abs"), 0);
+  EXPECT_EQ(get("/vendor/etc/real.xml"), "inside");
+  for (const char* path : {"/", "/..", "//", "/odm/.."}) {
+    EXPECT_EQ(device_remove(path), -1) << path;
+    EXPECT_EQ(device_mkdir(path, 0700), -1) << path;
+  }
+  EXPECT_EQ(device_remove("/odm/out/etc/real.xml"), -1);
+  EXPECT_EQ(device_mkdir("", 0700), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_TRUE(fs::is_directory(host("/odm")));
+  std::ifstream decoy(outside + "/vendor/etc/real.xml");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(decoy), {}), "outside");
+  fs::remove_all(outside);
 }
 
 }  // namespace

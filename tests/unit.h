@@ -1,5 +1,6 @@
-// Unit tests run inside the device sandbox (unit_main.cpp): /odm, /vendor,
-// the property store and /dev/kmsg are theirs, emptied for each test.
+// Unit tests call the program's library over one device root for the whole
+// run (unit_main.cpp): /odm, /vendor, the property store and /dev/kmsg are
+// theirs, emptied for each test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,7 +11,8 @@
 
 // Sets property |name| as boot.prop would, past property_set's rules.
 void put_prop(const std::string& name, const std::string& value);
-// Runs |body| with the effective uid and gid 1000; returns its result.
+// Runs |body| as a process without privilege: as root, with the effective uid
+// and gid 1000; otherwise as it is, where a file's mode alone keeps its owner out.
 int run_unprivileged(const std::function<int()>& body);
 
 class DeviceTest : public testing::Test {

@@ -66,6 +66,6 @@ bool copy_file(std::string src, std::string dst) {
   in.reset();
   out.reset();
   klog_write(3, "<3>ODM File copied successfully..!!: ");
-  chmod(dst.c_str(), 0644);
+  device_chmod(dst.c_str(), 0644);
   return result;
 }

@@ -9,7 +9,7 @@ bool exists_file(const std::string& path) {
 }
 
 int get_all_files(std::string dir) {
-  std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(dir.c_str()), closedir);
+  std::unique_ptr<DIR, int (*)(DIR*)> listing(device_opendir(dir.c_str()), closedir);
   if (!listing) {
     LOG(ERROR) << "COULD NOT FIND ETC";
     return 1;

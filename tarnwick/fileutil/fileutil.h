@@ -6,12 +6,14 @@
 #include <memory>
 #include <string>
 
+#include "tarnwick/platform/platform.h"
+
 // FILE* owned for the length of a scope.
 using UniqueFile = std::unique_ptr<FILE, int (*)(FILE*)>;
 
 // Opens |path| with |mode| ("r" or "w"); holds nullptr when the open fails.
 inline UniqueFile open_file(const std::string& path, const char* mode) {
-  return UniqueFile(fopen(path.c_str(), mode), fclose);
+  return UniqueFile(device_fopen(path.c_str(), mode), fclose);
 }
 
 // Reads the next line of |file| into |line|, without its newline byte. A last

@@ -1,5 +1,5 @@
 // Host restart request and kernel log, as libcutils provides them on a device.
-#include "tarnwick/platform/host_cutils.h"
+#include "tarnwick/platform/platform.h"
 
 #include <fcntl.h>
 #include <stdarg.h>
@@ -39,7 +39,7 @@ extern "C" int android_reboot(unsigned cmd, int /*flags*/, const char* reason) {
 extern "C" void klog_write(int level, const char* format, ...) {
   if (level > kKlogDefaultLevel) return;
   // Opened once per process; a failed open is not retried.
-  static int fd = open(kKmsgPath, O_WRONLY | O_CLOEXEC | O_APPEND);
+  static int fd = device_open(kKmsgPath, O_WRONLY | O_CLOEXEC | O_APPEND);
   if (fd < 0) return;
   char buf[512];
   va_list ap;

@@ -41,4 +41,7 @@ bool is_legal_property_name(const char* name);
 // no surrogates, nothing above U+10FFFF).
 bool is_valid_utf8(const char* value);
 
+// rename(2) of two device paths, resolved as device_open resolves them.
+int rename_path(const char* from, const char* to);
+
 }  // namespace tarnwick_host

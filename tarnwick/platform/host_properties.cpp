@@ -1,7 +1,7 @@
 // Host property store: one regular file per property under /dev/__properties__,
 // holding the value's bytes and nothing else. It keeps the rules a device's
 // property service applies to the program's calls.
-#include "tarnwick/platform/host_cutils.h"
+#include "tarnwick/platform/platform.h"
 
 #include <fcntl.h>
 #include <stdio.h>
@@ -32,7 +32,7 @@ int copy_value(char* value, const char* text, size_t length) {
 // Reads up to |size| bytes of |path| into |buf|; returns the count, or -1 when
 // the file cannot be opened.
 ssize_t read_prefix(const std::string& path, char* buf, size_t size) {
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = device_open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return -1;
   size_t total = 0;
   while (total < size) {
@@ -49,7 +49,7 @@ ssize_t read_prefix(const std::string& path, char* buf, size_t size) {
 // left behind by a crash never reads as a property.
 int write_atomically(const std::string& path, const char* value) {
   std::string tmp = std::string(tarnwick_host::kPropertyDir) + "/.tmp." + std::to_string(getpid());
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  int fd = device_open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return -1;
   size_t length = strlen(value);
   size_t done = 0;
@@ -60,8 +60,8 @@ int write_atomically(const std::string& path, const char* value) {
   }
   bool ok = done == length;
   if (close(fd) != 0) ok = false;
-  if (ok && rename(tmp.c_str(), path.c_str()) == 0) return 0;
-  unlink(tmp.c_str());
+  if (ok && tarnwick_host::rename_path(tmp.c_str(), path.c_str()) == 0) return 0;
+  device_remove(tmp.c_str());
   return -1;
 }
 
@@ -131,7 +131,11 @@ extern "C" int property_set(const char* key, const char* value) {
   if (key == nullptr || value == nullptr || !tarnwick_host::is_legal_property_name(key)) return -1;
   std::string path = property_path(key);
   if (is_read_only(key)) {
-    if (access(path.c_str(), F_OK) == 0) return -1;
+    const int existing = device_open(path.c_str(), O_PATH | O_CLOEXEC);
+    if (existing >= 0) {
+      close(existing);
+      return -1;
+    }
   } else if (strlen(value) >= PROP_VALUE_MAX) {
     return -1;
   }

@@ -18,7 +18,7 @@ const char kRestartReason[] = "tarnwick";
 // Flushes the file system that holds /odm, so that the installed files are on
 // the disk before the stamp that vouches for them. Failures are ignored.
 void flush_odm() {
-  int fd = open("/odm", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  int fd = device_open("/odm", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return;
   syncfs(fd);
   close(fd);
@@ -53,15 +53,15 @@ std::vector<std::string> stale_manifest_paths(const std::string& model) {
 
 void reboot_device(std::string version_line) {
   LOG(ERROR) << "NOT FOUND odmver.txt  deleting old and coping new";
-  mkdir("/odm/etc", 0775);
-  mkdir("/odm/etc/vintf", 0775);
-  mkdir("/odm/etc/permissions", 0775);
+  device_mkdir("/odm/etc", 0775);
+  device_mkdir("/odm/etc/vintf", 0775);
+  device_mkdir("/odm/etc/permissions", 0775);
   if (exists_file(kDefaultConfigPath)) copy_file(kDefaultConfigPath, kConfigPath);
   create_map_from_config();
 
   const std::string preliminary = select_model_name(kProvisioningRun);
   LOG(ERROR) << "now deleteing O files";
-  for (const std::string& path : stale_manifest_paths(preliminary)) remove(path.c_str());
+  for (const std::string& path : stale_manifest_paths(preliminary)) device_remove(path.c_str());
   const std::string model = confirm_model_source(preliminary, kProvisioningRun);
 
   const std::string etc_dir = source_etc_dir(model);

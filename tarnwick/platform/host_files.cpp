@@ -1,0 +1,188 @@
+// Device paths on a development host. TARNWICK_ROOT names the device root;
+// every path is resolved inside it by the kernel (openat2 with
+// RESOLVE_IN_ROOT), so an absolute link in a vendor tree leads to the root's
+// own /vendor and ".." stops at the root, as on a device. Calls that act on a
+// name rather than open it (mkdir, remove, rename) open the directory that
+// holds the name that way and act on the name in it. Without the variable,
+// the C library's calls are used as they are.
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "tarnwick/platform/platform.h"
+
+namespace {
+
+const char kRootVariable[] = "TARNWICK_ROOT";
+
+// Opens |path| with |flags| (and |mode| when it creates), |dir| standing for
+// "/"; -1 with errno set on failure.
+int open_beneath(int dir, const char* path, int flags, mode_t mode) {
+  open_how how = {};
+  how.flags = static_cast<unsigned>(flags);
+  how.mode = (flags & O_CREAT) != 0 ? mode : 0;
+  how.resolve = RESOLVE_IN_ROOT;
+  long fd;
+  // EAGAIN: a rename elsewhere raced with a ".." step; the kernel asks for a retry.
+  do {
+    fd = syscall(SYS_openat2, dir, path, &how, sizeof(how));
+  } while (fd < 0 && errno == EAGAIN);
+  return static_cast<int>(fd);
+}
+
+// The device root, opened once; -1 when paths are used as they are. A root
+// that cannot be used ends the process (exit, so that a host tool's own
+// clean-up runs): a start over the host's own /odm instead would be far worse
+// than none.
+int open_root() {
+  const char* root = getenv(kRootVariable);
+  if (root == nullptr || root[0] == '\0') return -1;
+  const int fd = open(root, O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) {
+    fprintf(stderr, "%s: %s=%s: %s\n", program_invocation_short_name, kRootVariable, root,
+            strerror(errno));
+    exit(2);
+  }
+  const int probe = open_beneath(fd, "/", O_PATH | O_CLOEXEC, 0);
+  if (probe < 0) {
+    fprintf(stderr, "%s: %s needs openat2 with RESOLVE_IN_ROOT (Linux 5.6 or later): %s\n",
+            program_invocation_short_name, kRootVariable, strerror(errno));
+    exit(2);
+  }
+  close(probe);
+  return fd;
+}
+
+int root() {
+  static const int fd = open_root();
+  return fd;
+}
+
+int open_in_root(const char* path, int flags, mode_t mode = 0) {
+  return open_beneath(root(), path, flags, mode);
+}
+
+// Closes |fd| and returns |result|, keeping the errno of the call that gave it.
+int closing(int fd, int result) {
+  const int saved = errno;
+  close(fd);
+  errno = saved;
+  return result;
+}
+
+// Opens the directory that holds the last component of |path| and puts that
+// component in |name| (with the slashes that end |path|, so that the call on
+// it sees them as the kernel would). "/" itself is "." in the root.
+int open_parent(const char* path, std::string* name) {
+  const std::string text = path;
+  if (text.empty()) {
+    errno = ENOENT;
+    return -1;
+  }
+  const size_t last = text.find_last_not_of('/');
+  if (last == std::string::npos) {
+    *name = ".";
+    return open_in_root("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  }
+  const size_t slash = text.rfind('/', last);
+  *name = text.substr(slash == std::string::npos ? 0 : slash + 1);
+  const std::string dir = slash == std::string::npos ? "." : text.substr(0, slash + 1);
+  return open_in_root(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+}
+
+// open(2) flags for an fopen |mode|, or -1 for a mode fopen refuses.
+int stream_flags(const char* mode) {
+  int flags;
+  switch (mode[0]) {
+    case 'r': flags = O_RDONLY; break;
+    case 'w': flags = O_WRONLY | O_CREAT | O_TRUNC; break;
+    case 'a': flags = O_WRONLY | O_CREAT | O_APPEND; break;
+    default: return -1;
+  }
+  for (const char* c = mode + 1; *c != '\0'; ++c) {
+    if (*c == '+') flags = (flags & ~O_WRONLY) | O_RDWR;
+    if (*c == 'e') flags |= O_CLOEXEC;
+    if (*c == 'x') flags |= O_EXCL;
+  }
+  return flags;
+}
+
+}  // namespace
+
+FILE* device_fopen(const char* path, const char* mode) {
+  if (root() < 0) return fopen(path, mode);
+  const int flags = stream_flags(mode);
+  if (flags < 0) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  const int fd = open_in_root(path, flags, 0666);
+  if (fd < 0) return nullptr;
+  FILE* file = fdopen(fd, mode);
+  if (file == nullptr) closing(fd, -1);
+  return file;
+}
+
+DIR* device_opendir(const char* path) {
+  if (root() < 0) return opendir(path);
+  const int fd = open_in_root(path, O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  DIR* dir = fdopendir(fd);
+  if (dir == nullptr) closing(fd, -1);
+  return dir;
+}
+
+int device_open(const char* path, int flags, mode_t mode) {
+  return root() < 0 ? open(path, flags, mode) : open_in_root(path, flags, mode);
+}
+
+int device_mkdir(const char* path, mode_t mode) {
+  if (root() < 0) return mkdir(path, mode);
+  std::string name;
+  const int dir = open_parent(path, &name);
+  return dir < 0 ? -1 : closing(dir, mkdirat(dir, name.c_str(), mode));
+}
+
+// As the C library's remove: unlink, and rmdir when that finds a directory.
+int device_remove(const char* path) {
+  if (root() < 0) return remove(path);
+  std::string name;
+  const int dir = open_parent(path, &name);
+  if (dir < 0) return -1;
+  int result = unlinkat(dir, name.c_str(), 0);
+  if (result != 0 && errno == EISDIR) result = unlinkat(dir, name.c_str(), AT_REMOVEDIR);
+  return closing(dir, result);
+}
+
+// chmod follows a link at the end of |path|, so the whole path is resolved
+// here and the mode set through the descriptor's /proc name (an O_PATH
+// descriptor takes no fchmod).
+int device_chmod(const char* path, mode_t mode) {
+  if (root() < 0) return chmod(path, mode);
+  const int fd = open_in_root(path, O_PATH | O_CLOEXEC);
+  if (fd < 0) return -1;
+  const std::string name = "/proc/self/fd/" + std::to_string(fd);
+  return closing(fd, chmod(name.c_str(), mode));
+}
+
+namespace tarnwick_host {
+
+int rename_path(const char* from, const char* to) {
+  if (root() < 0) return rename(from, to);
+  std::string from_name, to_name;
+  const int from_dir = open_parent(from, &from_name);
+  if (from_dir < 0) return -1;
+  const int to_dir = open_parent(to, &to_name);
+  if (to_dir < 0) return closing(from_dir, -1);
+  const int result = renameat(from_dir, from_name.c_str(), to_dir, to_name.c_str());
+  return closing(from_dir, closing(to_dir, result));
+}
+
+}  // namespace tarnwick_host
