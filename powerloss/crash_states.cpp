@@ -96,16 +96,22 @@ std::vector<CrashState> prefix_states(const WriteLog& log) {
   return states;
 }
 
+uint64_t whole_write_subsets(const WriteLog& log) {
+  uint64_t total = 0;
+  for (const std::vector<size_t>& writes : epoch_writes(log)) {
+    const size_t k = writes.size();
+    total += k >= 32 ? UINT32_MAX : (uint64_t{1} << k) - std::min<uint64_t>(k + 1, uint64_t{1} << k);
+  }
+  return total;
+}
+
 std::vector<CrashState> reordered_states(const WriteLog& log, size_t count, uint64_t seed) {
   const std::vector<std::vector<size_t>> epochs = epoch_writes(log);
   // Each epoch that has such subsets, with how many are left to draw.
   std::map<size_t, uint64_t> left;
-  uint64_t whole_subsets = 0;
   for (size_t e = 0; e < epochs.size(); ++e) {
     const uint64_t n = epochs[e].empty() ? 0 : non_prefix_subsets(log, epochs[e]);
     if (n > 0) left[e] = n;
-    const size_t k = epochs[e].size();
-    whole_subsets += k >= 32 ? UINT32_MAX : (uint64_t{1} << k) - std::min<uint64_t>(k + 1, 1u << k);
   }
   std::set<std::vector<Piece>> seen;
   std::vector<CrashState> states;
@@ -122,16 +128,16 @@ std::vector<CrashState> reordered_states(const WriteLog& log, size_t count, uint
     if (--left[epoch] == 0) left.erase(epoch);
   };
 
-  // The states of a disk that never tears a write: all of them when they
-  // are few, so that none is left to chance.
-  const bool all_whole = whole_subsets <= count / 2;
+  // The states of a disk that never tears a write: all of them when there
+  // is room, so that none is left to chance.
+  const bool all_whole = whole_write_subsets(log) <= count;
   for (size_t e = 0; all_whole && e < epochs.size(); ++e) {
     for (uint64_t mask = 1; mask + 1 < (uint64_t{1} << epochs[e].size()); ++mask) {
       std::vector<Piece> subset;
       for (size_t i = 0; i < epochs[e].size(); ++i) {
         if (mask & (uint64_t{1} << i)) subset.push_back(Piece{epochs[e][i], {}});
       }
-      add(e, subset);
+      if (states.size() < count) add(e, subset);
     }
   }
 

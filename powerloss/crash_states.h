@@ -40,12 +40,16 @@ std::vector<size_t> entry_epochs(const WriteLog& log);
 // and so on up to all of them.
 std::vector<CrashState> prefix_states(const WriteLog& log);
 
+// How many subsets of whole writes of one epoch no prefix gives, over all
+// epochs: the states of a disk that never tears a write (saturated far above
+// any count asked for).
+uint64_t whole_write_subsets(const WriteLog& log);
+
 // Up to |count| distinct states, each holding every write of the epochs
 // before its own and, of its own epoch's writes, a subset that no prefix
-// gives. Every subset of whole writes when they are at most half of |count|,
-// then the rest drawn with |seed|, by blocks (and by whole writes in half the
-// draws when those were too many to take all). Fewer when the log allows
-// fewer.
+// gives. Every subset of whole writes when they are at most |count|, then the
+// rest drawn with |seed|, by blocks (and by whole writes in half the draws
+// when those were too many to take all). Fewer when the log allows fewer.
 std::vector<CrashState> reordered_states(const WriteLog& log, size_t count, uint64_t seed);
 
 // |pieces| as "0-12,14,15[0,2-3]": whole entries, then an entry's blocks in

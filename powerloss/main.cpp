@@ -2,10 +2,12 @@
 // log of a recorded device start, lists the crash states to check, writes the
 // disk image of one, and judges the /odm a state leads to.
 #include <errno.h>
+#include <inttypes.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -19,7 +21,8 @@ namespace {
 const char kUsage[] = R"(Usage:
   crash-states list LOG [--states N] [--seed S]
       every prefix of the log, then up to N (default 200) reordered states
-      drawn with seed S (default 1); one line each: ID KIND ENTRIES WHAT
+      drawn with seed S (default 1); one line each: ID KIND ENTRIES WHAT,
+      after two lines beginning with "#" that count them
   crash-states image LOG BASE OUT ENTRIES
       writes to OUT the image BASE with the log's ENTRIES ("0-12,14"; blocks
       of an entry as "15[0,2-3]"; "-" for none)
@@ -100,9 +103,15 @@ int list(int argc, char** argv) {
   const size_t writes = states.back().pieces.size();
   size_t flushes = 0;
   for (const LogEntry& entry : log.entries) flushes += (entry.flags & kLogFlush) != 0;
-  printf("# %zu entries: %s, %s\n", log.entries.size(), counted(writes, "write").c_str(),
+  size_t whole = 0;
+  for (const CrashState& state : reordered_states(log, count, seed)) {
+    states.push_back(state);
+    whole += std::all_of(state.pieces.begin(), state.pieces.end(), [](const Piece& p) { return p.blocks.empty(); });
+  }
+  printf("# log: %zu entries, %s, %s\n", log.entries.size(), counted(writes, "write").c_str(),
          counted(flushes, "flush").c_str());
-  for (const CrashState& state : reordered_states(log, count, seed)) states.push_back(state);
+  printf("# reordered: %zu of the %" PRIu64 " subsets of whole writes, %zu with writes in part\n",
+         whole, whole_write_subsets(log), states.size() - writes - 1 - whole);
   for (size_t id = 0; id < states.size(); ++id) {
     printf("%zu %s %s %s\n", id + 1, states[id].reordered ? "reordered" : "prefix",
            format_pieces(states[id].pieces).c_str(), describe(log, states[id], writes).c_str());
