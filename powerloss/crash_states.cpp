@@ -137,7 +137,7 @@ std::vector<CrashState> reordered_states(const WriteLog& log, size_t count, uint
       for (size_t i = 0; i < epochs[e].size(); ++i) {
         if (mask & (uint64_t{1} << i)) subset.push_back(Piece{epochs[e][i], {}});
       }
-      if (states.size() < count) add(e, subset);
+      add(e, subset);
     }
   }
 
