@@ -114,7 +114,8 @@ bool make_device(const Options& options, const std::string& tree, std::string* e
   std::string path = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
   path += "/tarnwick-check.XXXXXX";
   if (mkdtemp(path.data()) == nullptr || path.size() >= sizeof(removal_path)) {
-    *error = "cannot make a scratch directory in " + path.substr(0, path.rfind('/')) + ": " + strerror(errno);
+    *error = "cannot make a scratch directory in " + path.substr(0, path.rfind('/')) + ": " +
+             strerror(errno);
     return false;
   }
   root_path = path;
@@ -156,7 +157,8 @@ std::vector<std::pair<std::string, fs::file_type>> list_dir(const std::string& p
   while (const dirent* entry = dir ? readdir(dir.get()) : nullptr) {
     if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
     struct stat st;
-    const mode_t mode = fstatat(dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 ? st.st_mode : 0;
+    const bool known = fstatat(dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0;
+    const mode_t mode = known ? st.st_mode : 0;
     entries.emplace_back(entry->d_name, S_ISDIR(mode)   ? fs::file_type::directory
                                         : S_ISLNK(mode) ? fs::file_type::symlink
                                         : S_ISREG(mode) ? fs::file_type::regular
@@ -167,7 +169,9 @@ std::vector<std::pair<std::string, fs::file_type>> list_dir(const std::string& p
 
 void prepare_odm(const Options& options, bool with_installed) {
   std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(host("/odm"), ec)) fs::remove_all(entry.path(), ec);
+  for (const auto& entry : fs::directory_iterator(host("/odm"), ec)) {
+    fs::remove_all(entry.path(), ec);
+  }
   if (with_installed) {
     fs::copy(host(kCheckInstalled), host("/odm"),
              fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
@@ -222,17 +226,20 @@ bool start_program(const Options& options, const Setting& setting, const std::st
   const int spawned = posix_spawnp(&pid, cargv[0], &actions, nullptr, cargv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   if (spawned != 0) {
-    fprintf(stderr, "tarnwick-check: cannot run %s: %s; build it (cmake --build build) or install "
-            "it beside this tool (cmake --install build)\n", argv.back().c_str(), strerror(spawned));
+    fprintf(stderr, "tarnwick-check: cannot run %s: %s; %s\n", argv[0].c_str(), strerror(spawned),
+            argv.size() > 1 ? "fix TARNWICK_WRAP, or unset it"
+                            : "build it (cmake --build build) or install it with this tool "
+                              "(cmake --install build)");
     return false;
   }
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return true;
+  const std::string how = WIFSIGNALED(status)
+                              ? "was killed by signal " + std::to_string(WTERMSIG(status))
+                              : "exited with status " + std::to_string(WEXITSTATUS(status));
   fprintf(stderr, "tarnwick-check: %s %s during a device start; run it on a copy of the tree "
-          "with tools/run-device to see its log\n", argv.back().c_str(),
-          WIFSIGNALED(status) ? ("was killed by signal " + std::to_string(WTERMSIG(status))).c_str()
-                              : ("exited with status " + std::to_string(WEXITSTATUS(status))).c_str());
+          "with tools/run-device to see its log\n", argv.back().c_str(), how.c_str());
   return false;
 }
 

@@ -106,8 +106,11 @@ bool examine_trees(const Options& options, Report* report) {
     for (const char* name : kFixedInstalls) fixed_dirs.insert(fs::path(name).parent_path());
     auto entries = list_dir(etc);
     for (const std::string& dir : fixed_dirs) {
-      if (std::count(entries.begin(), entries.end(), std::make_pair(dir, fs::file_type::directory)) == 0) continue;
-      for (const auto& [name, type] : list_dir(etc + dir)) entries.emplace_back(dir + "/" + name, type);
+      const auto own = std::make_pair(dir, fs::file_type::directory);
+      if (std::count(entries.begin(), entries.end(), own) == 0) continue;
+      for (const auto& [name, type] : list_dir(etc + dir)) {
+        entries.emplace_back(dir + "/" + name, type);
+      }
     }
     for (const auto& [name, type] : entries) {
       if (name.find('/') == std::string::npos

@@ -102,6 +102,7 @@ void run_story(const std::string& name) {
     } else if (verb == "file") {
       for (; arg[0] != '"'; words >> arg) put(root + "/" + arg, texts(line).at(0));
     } else if (verb == "link") {
+      fs::create_directories(fs::path(path).parent_path());
       fs::create_symlink(texts(line).at(0), path);
     } else if (verb == "start") {
       only.clear();
