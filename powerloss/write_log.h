@@ -10,7 +10,6 @@
 
 // Entry flags.
 inline constexpr uint64_t kLogFlush = 1;
-inline constexpr uint64_t kLogFua = 2;
 inline constexpr uint64_t kLogDiscard = 4;
 inline constexpr uint64_t kLogMark = 8;
 
