@@ -52,26 +52,64 @@ uint64_t draw(std::mt19937_64& rng, uint64_t bound) {
   return v % bound;
 }
 
-// A random subset of |writes|: whole writes, or when |by_block| single blocks.
-std::vector<Piece> random_subset(const WriteLog& log, const std::vector<size_t>& writes,
-                                 bool by_block, std::mt19937_64& rng) {
-  std::vector<Piece> pieces;
+// What power can cut: a whole write, or when |block| is set one block of it.
+struct Unit {
+  size_t entry;
+  uint64_t block;
+};
+
+// A draw of the epoch |writes|: power fails after some of its units were
+// issued, and of those, one is lost, or two, or more, each count half as
+// likely as one fewer.
+std::vector<Piece> draw_lost(const WriteLog& log, const std::vector<size_t>& writes, bool by_block,
+                             std::mt19937_64& rng) {
+  std::vector<Unit> units;
   for (size_t w : writes) {
-    Piece piece;
-    piece.entry = w;
-    const uint64_t n = blocks_of(log, w);
-    if (!by_block || n == 1) {
-      if (draw(rng, 2)) pieces.push_back(piece);
-      continue;
-    }
-    for (uint64_t b = 0; b < n; ++b) {
-      if (draw(rng, 2)) piece.blocks.push_back(b);
-    }
-    if (piece.blocks.size() == n) piece.blocks.clear();  // all of it
-    else if (piece.blocks.empty()) continue;
-    pieces.push_back(piece);
+    const uint64_t n = by_block ? blocks_of(log, w) : 1;
+    for (uint64_t b = 0; b < n; ++b) units.push_back(Unit{w, n == 1 ? UINT64_MAX : b});
+  }
+  const size_t issued = 1 + draw(rng, units.size());
+  size_t lost = 1;
+  while (lost < issued && draw(rng, 2)) ++lost;
+  std::vector<size_t> order(issued);
+  for (size_t i = 0; i < issued; ++i) order[i] = i;
+  for (size_t i = 0; i < lost; ++i) std::swap(order[i], order[i + draw(rng, issued - i)]);
+  std::vector<bool> gone(issued, false);
+  for (size_t i = 0; i < lost; ++i) gone[order[i]] = true;
+
+  std::vector<Piece> pieces;
+  for (size_t i = 0; i < issued; ++i) {
+    if (gone[i]) continue;
+    if (pieces.empty() || pieces.back().entry != units[i].entry) pieces.push_back(Piece{units[i].entry, {}});
+    if (units[i].block != UINT64_MAX) pieces.back().blocks.push_back(units[i].block);
+  }
+  for (Piece& piece : pieces) {
+    if (!piece.blocks.empty() && piece.blocks.size() == blocks_of(log, piece.entry)) piece.blocks.clear();
   }
   return pieces;
+}
+
+// The subset of |writes| given by the bits of |mask|.
+std::vector<Piece> subset_of(const std::vector<size_t>& writes, uint64_t mask) {
+  std::vector<Piece> subset;
+  for (size_t i = 0; i < writes.size(); ++i) {
+    if (mask & (uint64_t{1} << i)) subset.push_back(Piece{writes[i], {}});
+  }
+  return subset;
+}
+
+// |writes| without the |i|-th and the |j|-th.
+std::vector<Piece> all_but(const std::vector<size_t>& writes, size_t i, size_t j) {
+  std::vector<Piece> subset;
+  for (size_t k = 0; k < writes.size(); ++k) {
+    if (k != i && k != j) subset.push_back(Piece{writes[k], {}});
+  }
+  return subset;
+}
+
+// How many subsets of |k| whole writes no prefix gives, saturated.
+uint64_t whole_subsets(size_t k) {
+  return k >= 32 ? UINT32_MAX : (uint64_t{1} << k) - std::min<uint64_t>(k + 1, uint64_t{1} << k);
 }
 
 bool is_prefix(const std::vector<Piece>& pieces, const std::vector<size_t>& writes) {
@@ -96,16 +134,24 @@ std::vector<CrashState> prefix_states(const WriteLog& log) {
   return states;
 }
 
+const char* kind_name(StateKind kind) {
+  static const char* const kNames[kStateKinds] = {"prefix", "stamp", "subset", "one-lost", "two-lost", "drawn"};
+  return kNames[static_cast<size_t>(kind)];
+}
+
 uint64_t whole_write_subsets(const WriteLog& log) {
   uint64_t total = 0;
-  for (const std::vector<size_t>& writes : epoch_writes(log)) {
-    const size_t k = writes.size();
-    total += k >= 32 ? UINT32_MAX : (uint64_t{1} << k) - std::min<uint64_t>(k + 1, uint64_t{1} << k);
-  }
+  for (const std::vector<size_t>& writes : epoch_writes(log)) total += whole_subsets(writes.size());
   return total;
 }
 
-std::vector<CrashState> reordered_states(const WriteLog& log, size_t count, uint64_t seed) {
+uint64_t epoch_whole_subsets(const WriteLog& log, size_t epoch) {
+  const std::vector<std::vector<size_t>> epochs = epoch_writes(log);
+  return epoch < epochs.size() ? whole_subsets(epochs[epoch].size()) : 0;
+}
+
+std::vector<CrashState> reordered_states(const WriteLog& log, size_t count, uint64_t seed,
+                                         const std::vector<size_t>& focus) {
   const std::vector<std::vector<size_t>> epochs = epoch_writes(log);
   // Each epoch that has such subsets, with how many are left to draw.
   std::map<size_t, uint64_t> left;
@@ -115,34 +161,47 @@ std::vector<CrashState> reordered_states(const WriteLog& log, size_t count, uint
   }
   std::set<std::vector<Piece>> seen;
   std::vector<CrashState> states;
-  auto add = [&](size_t epoch, const std::vector<Piece>& subset) {
-    if (is_prefix(subset, epochs[epoch]) || !seen.insert(subset).second) return;
+  auto add = [&](StateKind kind, size_t epoch, const std::vector<Piece>& subset) {
+    if (states.size() >= count || is_prefix(subset, epochs[epoch]) || !seen.insert(subset).second) return;
     CrashState state;
-    state.reordered = true;
+    state.kind = kind;
     state.epoch = epoch;
     for (size_t e = 0; e < epoch; ++e) {
       for (size_t w : epochs[e]) state.pieces.push_back(Piece{w, {}});
     }
     state.pieces.insert(state.pieces.end(), subset.begin(), subset.end());
     states.push_back(state);
-    if (--left[epoch] == 0) left.erase(epoch);
+    auto it = left.find(epoch);
+    if (it != left.end() && --it->second == 0) left.erase(it);
+  };
+  auto fits = [&](uint64_t n) { return n <= count - states.size(); };
+  auto every_subset = [&](StateKind kind, size_t e) {
+    if (epochs[e].size() >= 32) return;
+    for (uint64_t mask = 1; mask + 1 < (uint64_t{1} << epochs[e].size()); ++mask) add(kind, e, subset_of(epochs[e], mask));
   };
 
+  for (size_t e : focus) {
+    if (e < epochs.size() && fits(whole_subsets(epochs[e].size()))) every_subset(StateKind::kStamp, e);
+  }
   // The states of a disk that never tears a write: all of them when there
   // is room, so that none is left to chance.
-  const bool all_whole = whole_write_subsets(log) <= count;
-  for (size_t e = 0; all_whole && e < epochs.size(); ++e) {
-    for (uint64_t mask = 1; mask + 1 < (uint64_t{1} << epochs[e].size()); ++mask) {
-      std::vector<Piece> subset;
-      for (size_t i = 0; i < epochs[e].size(); ++i) {
-        if (mask & (uint64_t{1} << i)) subset.push_back(Piece{epochs[e][i], {}});
-      }
-      add(e, subset);
+  const bool all_whole = fits(whole_write_subsets(log));
+  for (size_t e = 0; all_whole && e < epochs.size(); ++e) every_subset(StateKind::kSubset, e);
+  for (size_t e = 0; !all_whole && e < epochs.size(); ++e) {
+    for (size_t i = 0; i < epochs[e].size(); ++i) add(StateKind::kOneLost, e, all_but(epochs[e], i, i));
+  }
+  for (size_t e = 0; !all_whole && e < epochs.size(); ++e) {
+    const size_t n = epochs[e].size();
+    if (!fits(n * (n - 1) / 2)) continue;
+    for (size_t i = 0; i < n; ++i) {
+      for (size_t j = i + 1; j < n; ++j) add(StateKind::kTwoLost, e, all_but(epochs[e], i, j));
     }
   }
 
   std::mt19937_64 rng(seed);
-  while (states.size() < count && !left.empty()) {
+  // Draws that repeat a state are retried; this ends the search where few
+  // states are left to find.
+  for (size_t tries = 0; states.size() < count && !left.empty() && tries < 64 * count; ++tries) {
     // Epochs are drawn in proportion to their writes, so a long epoch is
     // tried more often without crowding out the short ones.
     uint64_t total = 0;
@@ -151,7 +210,7 @@ std::vector<CrashState> reordered_states(const WriteLog& log, size_t count, uint
     auto it = left.begin();
     while (pick >= epochs[it->first].size()) pick -= epochs[it->first].size(), ++it;
     const bool by_block = all_whole || draw(rng, 2);
-    add(it->first, random_subset(log, epochs[it->first], by_block, rng));
+    add(StateKind::kDrawn, it->first, draw_lost(log, epochs[it->first], by_block, rng));
   }
   return states;
 }

@@ -26,8 +26,21 @@ struct Piece {
   bool operator==(const Piece& o) const { return entry == o.entry && blocks == o.blocks; }
 };
 
+// Why a state is checked, in the order they are made.
+enum class StateKind {
+  kPrefix,     // a prefix of the log
+  kStamp,      // a subset of whole writes of the stamp's epoch or the one before
+  kSubset,     // a subset of whole writes: all of them are checked
+  kOneLost,    // an epoch with one write lost
+  kTwoLost,    // an epoch with two writes lost
+  kDrawn,      // drawn at random, few writes or blocks lost more often than many
+};
+inline constexpr size_t kStateKinds = 6;
+// "prefix", "stamp", "subset", "one-lost", "two-lost", "drawn".
+const char* kind_name(StateKind kind);
+
 struct CrashState {
-  bool reordered = false;     // not a prefix of the log
+  StateKind kind = StateKind::kPrefix;
   size_t epoch = 0;           // the epoch power failed in, from 0
   std::vector<Piece> pieces;  // in log order
 };
@@ -44,13 +57,22 @@ std::vector<CrashState> prefix_states(const WriteLog& log);
 // epochs: the states of a disk that never tears a write (saturated far above
 // any count asked for).
 uint64_t whole_write_subsets(const WriteLog& log);
+// The same for the epoch |epoch| alone.
+uint64_t epoch_whole_subsets(const WriteLog& log, size_t epoch);
 
 // Up to |count| distinct states, each holding every write of the epochs
 // before its own and, of its own epoch's writes, a subset that no prefix
-// gives. Every subset of whole writes when they are at most |count|, then the
-// rest drawn with |seed|, by blocks (and by whole writes in half the draws
-// when those were too many to take all). Fewer when the log allows fewer.
-std::vector<CrashState> reordered_states(const WriteLog& log, size_t count, uint64_t seed);
+// gives. Where faults are likeliest first, each kind while it fits in what is
+// left of |count|: every subset of whole writes of the epochs in |focus| (the
+// stamp's and the one before it); every subset of whole writes of every
+// epoch; or else every state that loses one write of an epoch, then the pairs
+// of each epoch whose pairs fit. The rest are drawn with |seed|: a point
+// where power fails in an epoch, and of the writes before it one lost, or two,
+// or more, each half as likely as one fewer; by blocks in half the draws (in
+// all of them when every subset of whole writes was taken). Fewer when the log
+// allows fewer.
+std::vector<CrashState> reordered_states(const WriteLog& log, size_t count, uint64_t seed,
+                                         const std::vector<size_t>& focus = {});
 
 // |pieces| as "0-12,14,15[0,2-3]": whole entries, then an entry's blocks in
 // brackets ("-" when there is none); and back, false on bad text.

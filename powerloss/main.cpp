@@ -19,10 +19,13 @@
 namespace {
 
 const char kUsage[] = R"(Usage:
-  crash-states list LOG [--states N] [--seed S]
-      every prefix of the log, then up to N (default 200) reordered states
-      drawn with seed S (default 1); one line each: ID KIND ENTRIES WHAT,
-      after two lines beginning with "#" that count them
+  crash-states list LOG [--states N] [--seed S] [--stamp FILE] [--drop-flushes K,...]
+      every prefix of the log, then up to N (default 200) reordered states,
+      those drawn with seed S (default 1); one line each: ID KIND ENTRIES
+      WHAT, after three lines beginning with "#" that count them. FILE: the
+      new stamp, whose epoch and the one before it get every subset of whole
+      writes. K: entries whose flush is taken as never made, to show what
+      the reorderings find without it
   crash-states image LOG BASE OUT ENTRIES
       writes to OUT the image BASE with the log's ENTRIES ("0-12,14"; blocks
       of an entry as "15[0,2-3]"; "-" for none)
@@ -60,7 +63,7 @@ std::string counted(size_t n, const std::string& noun) {
 
 // One sentence on |state| for the reader of a failure report.
 std::string describe(const WriteLog& log, const CrashState& state, size_t writes) {
-  if (!state.reordered) {
+  if (state.kind == StateKind::kPrefix) {
     return "the first " + std::to_string(state.pieces.size()) + " of " + counted(writes, "write") +
            ", in log order";
   }
@@ -71,50 +74,123 @@ std::string describe(const WriteLog& log, const CrashState& state, size_t writes
   }
   size_t whole = 0;
   size_t part = 0;
+  std::vector<size_t> lost = epoch_entries;
   for (const Piece& piece : state.pieces) {
     if (epochs[piece.entry] != state.epoch) continue;
     ++(piece.blocks.empty() ? whole : part);
+    lost.erase(std::remove(lost.begin(), lost.end(), piece.entry), lost.end());
   }
   const std::string some = "of the " + counted(epoch_entries.size(), "write");
   const std::string which = " (entries " + std::to_string(epoch_entries.front()) + "-" +
                             std::to_string(epoch_entries.back()) + ")";
-  const std::string taken = ", " + std::to_string(whole) + " whole" +
-                            (part > 0 ? " and " + std::to_string(part) + " in part" : "");
+  std::string taken = ", " + std::to_string(whole) + " whole" +
+                      (part > 0 ? " and " + std::to_string(part) + " in part" : "");
+  if (!lost.empty() && lost.size() <= 3) {
+    taken += ", lost: entr" + std::string(lost.size() == 1 ? "y" : "ies");
+    for (size_t i = 0; i < lost.size(); ++i) taken += (i ? ", " : " ") + std::to_string(lost[i]);
+  }
   if (state.epoch == 0) return some + " before the first flush" + which + taken;
   return "every write up to flush " + std::to_string(state.epoch) + ", then " + some +
          " after it" + which + taken;
+}
+
+// |text| as "3,5,9" into |numbers|, or false.
+bool number_list(const char* text, std::vector<uint64_t>* numbers) {
+  std::string item;
+  for (const char* p = text;; ++p) {
+    if (*p != ',' && *p != '\0') {
+      item += *p;
+      continue;
+    }
+    uint64_t value;
+    if (!number(item.c_str(), &value)) return false;
+    numbers->push_back(value);
+    item.clear();
+    if (*p == '\0') return true;
+  }
+}
+
+bool read_file(const std::string& path, std::string* bytes) {
+  FILE* f = fopen(path.c_str(), "rb");
+  if (f == nullptr) return false;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), f)) > 0) bytes->append(buf, n);
+  const bool ok = !ferror(f);
+  fclose(f);
+  return ok;
 }
 
 int list(int argc, char** argv) {
   if (argc < 1) return usage_error("list needs a log");
   uint64_t count = 200;
   uint64_t seed = 1;
+  std::string stamp_path;
+  std::vector<uint64_t> dropped;
   for (int i = 1; i < argc; i += 2) {
-    uint64_t* target = strcmp(argv[i], "--states") == 0 ? &count
-                       : strcmp(argv[i], "--seed") == 0 ? &seed
-                                                        : nullptr;
-    if (target == nullptr || i + 1 >= argc || !number(argv[i + 1], target)) {
-      return usage_error(std::string("bad option ") + argv[i]);
-    }
+    const bool has_value = i + 1 < argc;
+    bool ok = has_value;
+    if (strcmp(argv[i], "--states") == 0) ok = ok && number(argv[i + 1], &count);
+    else if (strcmp(argv[i], "--seed") == 0) ok = ok && number(argv[i + 1], &seed);
+    else if (strcmp(argv[i], "--stamp") == 0) ok = ok && (stamp_path = argv[i + 1], true);
+    else if (strcmp(argv[i], "--drop-flushes") == 0) ok = ok && number_list(argv[i + 1], &dropped);
+    else ok = false;
+    if (!ok) return usage_error(std::string("bad option ") + argv[i]);
   }
   WriteLog log;
   if (!load(argv[0], &log)) return 2;
+  for (uint64_t k : dropped) {
+    if (k >= log.entries.size() || (log.entries[k].flags & kLogFlush) == 0) {
+      fprintf(stderr, "crash-states: entry %" PRIu64 " of %s is no flush\n", k, argv[0]);
+      return 2;
+    }
+    log.entries[k].flags &= ~kLogFlush;
+  }
+  std::string stamp;
+  if (!stamp_path.empty() && !read_file(stamp_path, &stamp)) {
+    fprintf(stderr, "crash-states: cannot read %s: %s\n", stamp_path.c_str(), strerror(errno));
+    return 2;
+  }
+  std::vector<size_t> holding;
+  std::string error;
+  if (!writes_holding(argv[0], log, stamp, &holding, &error)) {
+    fprintf(stderr, "crash-states: %s\n", error.c_str());
+    return 2;
+  }
+  // The write that puts the stamp on the disk is the last to carry it.
+  std::vector<size_t> focus;
+  std::string stamp_line = "# stamp: not written";
+  if (!holding.empty()) {
+    const size_t epoch = entry_epochs(log)[holding.back()];
+    if (epoch > 0) focus.push_back(epoch - 1);
+    focus.push_back(epoch);
+    stamp_line = "# stamp: written by entry " + std::to_string(holding.back()) + ", in epoch " + std::to_string(epoch);
+  }
+
   std::vector<CrashState> states = prefix_states(log);
   const size_t writes = states.back().pieces.size();
   size_t flushes = 0;
   for (const LogEntry& entry : log.entries) flushes += (entry.flags & kLogFlush) != 0;
-  size_t whole = 0;
-  for (const CrashState& state : reordered_states(log, count, seed)) {
+  size_t kinds[kStateKinds] = {};
+  size_t torn = 0;
+  for (const CrashState& state : reordered_states(log, count, seed, focus)) {
     states.push_back(state);
-    whole += std::all_of(state.pieces.begin(), state.pieces.end(), [](const Piece& p) { return p.blocks.empty(); });
+    ++kinds[static_cast<size_t>(state.kind)];
+    torn += std::any_of(state.pieces.begin(), state.pieces.end(), [](const Piece& p) { return !p.blocks.empty(); });
   }
+  auto of = [&](StateKind kind) { return kinds[static_cast<size_t>(kind)]; };
   printf("# log: %zu entries, %s, %s\n", log.entries.size(), counted(writes, "write").c_str(),
          counted(flushes, "flush").c_str());
-  printf("# reordered: %zu of the %" PRIu64 " subsets of whole writes, %zu with writes in part\n",
-         whole, whole_write_subsets(log), states.size() - writes - 1 - whole);
+  printf("%s\n", stamp_line.c_str());
+  uint64_t around = 0;
+  for (size_t e : focus) around += epoch_whole_subsets(log, e);
+  printf("# reordered: %zu of the %" PRIu64 " subsets of whole writes around the stamp, %zu of the %" PRIu64
+         " others, %zu with one write lost, %zu with two, %zu drawn (%zu with writes in part)\n",
+         of(StateKind::kStamp), around, of(StateKind::kSubset), whole_write_subsets(log) - around,
+         of(StateKind::kOneLost), of(StateKind::kTwoLost), of(StateKind::kDrawn), torn);
   for (size_t id = 0; id < states.size(); ++id) {
-    printf("%zu %s %s %s\n", id + 1, states[id].reordered ? "reordered" : "prefix",
-           format_pieces(states[id].pieces).c_str(), describe(log, states[id], writes).c_str());
+    printf("%zu %s %s %s\n", id + 1, kind_name(states[id].kind), format_pieces(states[id].pieces).c_str(),
+           describe(log, states[id], writes).c_str());
   }
   return 0;
 }

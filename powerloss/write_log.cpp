@@ -1,9 +1,12 @@
 #include "powerloss/write_log.h"
 
 #include <endian.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include <android-base/unique_fd.h>
 
@@ -41,6 +44,11 @@ bool read_write_log(const std::string& path, WriteLog* log, std::string* error) 
     *error = path + ": " + strerror(errno);
     return false;
   }
+  log->entries.clear();
+  if (lseek(fd, 0, SEEK_END) == 0) {
+    log->sector_size = 512;
+    return true;
+  }
   unsigned char super[kSuperSize];
   if (!read_at(fd, 0, super, sizeof(super)) || le64_at(super) != kMagic) {
     *error = path + ": not a write log (no super block with its magic number)";
@@ -56,7 +64,6 @@ bool read_write_log(const std::string& path, WriteLog* log, std::string* error) 
     *error = path + ": sector size " + std::to_string(log->sector_size) + " is no power of two";
     return false;
   }
-  log->entries.clear();
   // Each entry fills a sector of its own; a write's data follows it, a
   // discard has none.
   uint64_t offset = log->sector_size;
@@ -79,6 +86,29 @@ bool read_write_log(const std::string& path, WriteLog* log, std::string* error) 
   if (end < 0 || static_cast<uint64_t>(end) < offset) {
     *error = path + ": cut short in the data of its last entries";
     return false;
+  }
+  return true;
+}
+
+bool writes_holding(const std::string& path, const WriteLog& log, const std::string& bytes,
+                    std::vector<size_t>* found, std::string* error) {
+  found->clear();
+  if (bytes.empty()) return true;
+  android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd < 0) {
+    *error = path + ": " + strerror(errno);
+    return false;
+  }
+  std::vector<unsigned char> data;
+  for (size_t i = 0; i < log.entries.size(); ++i) {
+    const LogEntry& entry = log.entries[i];
+    if (!changes_disk(entry) || (entry.flags & kLogDiscard)) continue;
+    data.resize(entry.sectors * log.sector_size);
+    if (!read_at(fd, entry.data_offset, data.data(), data.size())) {
+      *error = path + ": cannot read the data of entry " + std::to_string(i);
+      return false;
+    }
+    if (std::search(data.begin(), data.end(), bytes.begin(), bytes.end()) != data.end()) found->push_back(i);
   }
   return true;
 }

@@ -31,5 +31,11 @@ inline bool changes_disk(const LogEntry& entry) {
 }
 
 // Reads the log in |path| (a file or a block device) into |log|. Returns false
-// and says why in |error| when it is no such log or is cut short.
+// and says why in |error| when it is no such log or is cut short. An empty
+// file is a log of no entries: the disk logs nothing until its first write.
 bool read_write_log(const std::string& path, WriteLog* log, std::string* error);
+
+// The writes of |log| (read from |path|) whose data holds |bytes|, in log
+// order. Returns false and says why in |error| when the log cannot be read.
+bool writes_holding(const std::string& path, const WriteLog& log, const std::string& bytes,
+                    std::vector<size_t>* found, std::string* error);
