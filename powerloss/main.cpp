@@ -159,12 +159,12 @@ int list(int argc, char** argv) {
   }
   // The write that puts the stamp on the disk is the last to carry it.
   std::vector<size_t> focus;
-  std::string stamp_line = "# stamp: not written";
+  std::string stamp_line = "# stamp: no write holds the new stamp";
   if (!holding.empty()) {
     const size_t epoch = entry_epochs(log)[holding.back()];
     if (epoch > 0) focus.push_back(epoch - 1);
     focus.push_back(epoch);
-    stamp_line = "# stamp: written by entry " + std::to_string(holding.back()) + ", in epoch " + std::to_string(epoch);
+    stamp_line = "# stamp: the new stamp is written by entry " + std::to_string(holding.back()) + ", in epoch " + std::to_string(epoch);
   }
 
   std::vector<CrashState> states = prefix_states(log);

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <string>
 
@@ -69,6 +70,58 @@ TEST_F(Powerloss, StatesAreThePrefixesAndEveryOtherSubsetOfAnEpoch) {
     const std::set<std::string> all = {"1", "1[0]", "1[1]", "0,1[0]", "0,1[1]", "0-1,4"};
     EXPECT_EQ(drawn.size(), std::min<size_t>(count, all.size()));
     EXPECT_TRUE(std::includes(all.begin(), all.end(), drawn.begin(), drawn.end()));
+  }
+}
+
+// A 31-write epoch has too many subsets to check them all: the ones that lose
+// a single write (where a missing flush shows first) must all be there, not
+// left to a draw, and the stamp's epochs get every subset.
+TEST_F(Powerloss, FewLostWritesOfALongEpochAreNeverLeftToChance) {
+  std::vector<std::tuple<int, int, char>> writes;
+  for (int i = 0; i < 31; ++i) writes.emplace_back(i, 1, 'a');
+  writes.insert(writes.end(), {{0, 0, 0}, {40, 1, 'b'}, {41, 1, 'c'}, {42, 1, 'd'}, {0, 0, 0}});
+  put_log(writes);
+  struct Row {
+    std::vector<size_t> focus;
+    size_t stamp, one_lost, two_lost;
+  };
+  // Entries 32-34 are the short epoch; losing an epoch's last write is a prefix.
+  for (const Row& row : {Row{{}, 0, 32, 2}, Row{{1}, 4, 30, 0}}) {
+    SCOPED_TRACE(row.focus.size());
+    std::map<StateKind, size_t> kinds;
+    std::set<std::string> seen;
+    for (const CrashState& state : reordered_states(log_, 40, 3, row.focus)) {
+      ++kinds[state.kind];
+      EXPECT_TRUE(seen.insert(format_pieces(state.pieces)).second);
+    }
+    EXPECT_EQ(kinds[StateKind::kStamp], row.stamp);
+    EXPECT_EQ(kinds[StateKind::kOneLost], row.one_lost);
+    EXPECT_EQ(kinds[StateKind::kTwoLost], row.two_lost);
+    EXPECT_EQ(seen.size(), 40u);
+    for (int lost = 0; lost < 30; ++lost) {
+      std::vector<Piece> all_but;
+      for (size_t i = 0; i < 31; ++i) {
+        if (i != static_cast<size_t>(lost)) all_but.push_back(Piece{i, {}});
+      }
+      EXPECT_EQ(seen.count(format_pieces(all_but)), 1u) << lost;
+    }
+  }
+}
+
+// A disk that is never written leaves an empty log; the stamp's write is found
+// by its bytes.
+TEST_F(Powerloss, EmptyLogAndTheWritesHoldingTheStamp) {
+  put("empty", "");
+  WriteLog empty;
+  std::string error;
+  ASSERT_TRUE(read_write_log(dir_ + "/empty", &empty, &error)) << error;
+  EXPECT_EQ(prefix_states(empty).size(), 1u);
+  put_log({{1, 1, 'a'}, {0, 0, 0}, {2, 2, 'b'}, {3, 1, 'b'}});
+  const std::pair<std::string, std::vector<size_t>> cases[] = {{"bb", {2, 3}}, {"ab", {}}, {"", {}}};
+  for (const auto& [bytes, entries] : cases) {
+    std::vector<size_t> found;
+    ASSERT_TRUE(writes_holding(dir_ + "/log", log_, bytes, &found, &error)) << error;
+    EXPECT_EQ(found, entries) << bytes;
   }
 }
 
