@@ -39,6 +39,7 @@ Options:
   --installed DIR    an existing /odm: tell what its next start does
   --json             print one JSON document instead of the report
   --strict           warnings fail too
+  --version          print the version and exit
   -h, --help         show this text
 
 Exit status: 0 without errors, 1 with errors (or warnings under --strict),
@@ -61,7 +62,8 @@ int parse(int argc, char** argv, Options* options) {
       {"config", required_argument, nullptr, 'c'}, {"product", required_argument, nullptr, 'p'},
       {"prop", required_argument, nullptr, 'P'},   {"installed", required_argument, nullptr, 'i'},
       {"json", no_argument, nullptr, 'j'},         {"strict", no_argument, nullptr, 's'},
-      {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0}};
+      {"help", no_argument, nullptr, 'h'},         {"version", no_argument, nullptr, 'V'},
+      {nullptr, 0, nullptr, 0}};
   opterr = 0;
   int c;
   while ((c = getopt_long(argc, argv, ":h", kLong, nullptr)) != -1) {
@@ -72,6 +74,7 @@ int parse(int argc, char** argv, Options* options) {
       case 'j': options->json = true; break;
       case 's': options->strict = true; break;
       case 'h': fputs(kUsage, stdout); return 0;
+      case 'V': printf("tarnwick-check %s\n", TARNWICK_VERSION); return 0;
       case 'p':
         if (!options->products) options->products.emplace();
         options->products->push_back(arg);
