@@ -21,8 +21,8 @@ std::string quoted(const std::string& word) {
   return out + "'";
 }
 
-// Runs |argv| with standard output and error to the files named; returns its
-// exit status, or 128 + the signal that ended it.
+}  // namespace
+
 int spawn(const std::vector<std::string>& argv, const std::string& out, const std::string& err) {
   std::string command = "exec";
   for (const auto& word : argv) command += " " + quoted(word);
@@ -30,7 +30,21 @@ int spawn(const std::vector<std::string>& argv, const std::string& out, const st
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-}  // namespace
+std::vector<std::string> wrapper() {
+  std::istringstream wrap(getenv("TARNWICK_WRAP") != nullptr ? getenv("TARNWICK_WRAP") : "");
+  return {std::istream_iterator<std::string>(wrap), {}};
+}
+
+std::map<std::string, std::string> snapshot(const std::string& dir) {
+  std::map<std::string, std::string> out;
+  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+    out[entry.path()] = std::to_string(static_cast<int>(entry.symlink_status().permissions())) +
+                        (entry.is_symlink()        ? "->" + fs::read_symlink(entry.path()).string()
+                         : entry.is_regular_file() ? get(entry.path())
+                                                   : "/");
+  }
+  return out;
+}
 
 std::string host_root;
 
@@ -88,8 +102,7 @@ Start boot(const std::string& root, const std::vector<std::string>& args) {
 
 int run(std::vector<std::string> argv, std::string* out) {
   // Under user-mode emulation the build's programs run through its wrapper.
-  std::istringstream wrap(getenv("TARNWICK_WRAP") != nullptr ? getenv("TARNWICK_WRAP") : "");
-  std::vector<std::string> words{std::istream_iterator<std::string>(wrap), {}};
+  const std::vector<std::string> words = wrapper();
   argv.insert(argv.begin(), words.begin(), words.end());
   const std::string path = fs::temp_directory_path() / ("tarnwick-run." + std::to_string(getpid()));
   const int status = spawn(argv, path, "/dev/null");

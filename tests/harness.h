@@ -3,6 +3,7 @@
 // programs.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -31,3 +32,10 @@ Start boot(const std::string& root, const std::vector<std::string>& args = {});
 
 // Runs a build product (under $TARNWICK_WRAP) with |argv|; its output in |out|.
 int run(std::vector<std::string> argv, std::string* out = nullptr);
+// Runs |argv| as it is, its output and error into the files named; returns the
+// exit status, or 128 + the signal that ended it.
+int spawn(const std::vector<std::string>& argv, const std::string& out, const std::string& err);
+// The words of $TARNWICK_WRAP, the emulator the build's programs run under.
+std::vector<std::string> wrapper();
+// Every entry under host directory |dir|: its mode and content, or link target.
+std::map<std::string, std::string> snapshot(const std::string& dir);

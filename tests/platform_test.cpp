@@ -105,8 +105,9 @@ TEST_F(Platform, DevicePathsStayInTheRoot) {
   close(fd);
 
   // chmod follows a link; mkdir and remove act on the last name itself.
-  EXPECT_EQ(device_chmod("/vendor/abs", 0600), 0);
-  EXPECT_EQ(get_mode("/vendor/etc/real.xml"), "600");
+  fs::create_symlink("real_dir/new", host("/odm/filelink"));
+  EXPECT_EQ(device_chmod("/odm/filelink", 0600), 0);
+  EXPECT_EQ(get_mode("/odm/real_dir/new"), "600");
   EXPECT_EQ(device_mkdir("/odm/dirlink/sub/", 0700), 0);
   EXPECT_EQ(get_mode("/odm/real_dir/sub"), "700");
   EXPECT_EQ(device_mkdir("/odm/dirlink", 0700), -1);
@@ -114,8 +115,6 @@ TEST_F(Platform, DevicePathsStayInTheRoot) {
   EXPECT_EQ(device_remove("/odm/dirlink/sub/"), 0);
   EXPECT_EQ(device_remove("/odm/dirlink"), 0);
   EXPECT_TRUE(fs::is_directory(host("/odm/real_dir")) && !fs::exists(fs::symlink_status(host("/odm/dirlink"))));
-  EXPECT_EQ(device_remove("/vendor/abs"), 0);
-  EXPECT_EQ(get("/vendor/etc/real.xml"), "inside");
   for (const char* path : {"/", "/..", "//", "/odm/.."}) {
     EXPECT_EQ(device_remove(path), -1) << path;
     EXPECT_EQ(device_mkdir(path, 0700), -1) << path;
@@ -127,6 +126,64 @@ TEST_F(Platform, DevicePathsStayInTheRoot) {
   std::ifstream decoy(outside + "/vendor/etc/real.xml");
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(decoy), {}), "outside");
   fs::remove_all(outside);
+}
+
+// Whatever would change something that lies in /vendor fails with EROFS, as
+// on a device whose /vendor is mounted read-only: by its own path, through
+// links from /odm (dangling ones too), and through "..".
+TEST_F(Platform, VendorIsReadOnly) {
+  namespace fs = std::filesystem;
+  put("/vendor/etc/real.xml", "inside");
+  put("/odm/mine", "mine");
+  for (const auto& [link, target] : std::initializer_list<std::pair<const char*, const char*>>{
+           {"/odm/file", "/vendor/etc/real.xml"}, {"/odm/dangling", "/vendor/etc/new.xml"},
+           {"/odm/relative", "../vendor/etc/real.xml"}, {"/odm/chain", "dangling"},
+           {"/odm/dir", "/vendor/etc"}, {"/odm/own", "mine"}}) {
+    fs::create_symlink(target, host(link));
+  }
+  const auto vendor = snapshot(host("/vendor"));
+  const auto open_with = [](const char* path, int flags) {
+    const int fd = device_open(path, flags | O_CLOEXEC, 0644);
+    return fd < 0 ? -1 : (close(fd), 0);
+  };
+  const auto fopen_with = [](const char* path, const char* mode) {
+    return UniqueFile(device_fopen(path, mode), fclose) ? 0 : -1;
+  };
+  // The call, its path, and errno (0: it succeeds).
+  const std::tuple<const char*, const char*, int> calls[] = {
+      {"w", "/vendor/etc/real.xml", EROFS}, {"w", "/odm/file", EROFS},
+      {"w", "/odm/dangling", EROFS},        {"a", "/odm/chain", EROFS},
+      {"r+", "/odm/relative", EROFS},       {"w", "/odm/dir/new.xml", EROFS},
+      {"w", "/odm/../vendor/new.xml", EROFS}, {"r", "/odm/file", 0},
+      {"w", "/odm/own", 0},                 {"O_WRONLY", "/vendor/etc/real.xml", EROFS},
+      {"O_CREAT", "/vendor/etc/new.xml", EROFS}, {"O_WRONLY", "/vendor/etc/none.xml", ENOENT},
+      {"O_TRUNC", "/odm/file", EROFS},      {"O_WRONLY|O_NOFOLLOW", "/odm/file", ELOOP},
+      {"mkdir", "/vendor/etc/sub", EROFS},  {"mkdir", "/odm/dir/sub", EROFS},
+      {"mkdir", "/vendor/etc", EEXIST},     {"remove", "/vendor/etc/real.xml", EROFS},
+      {"remove", "/odm/dir/real.xml", EROFS}, {"remove", "/odm/file", 0},
+      {"chmod", "/odm/relative", EROFS},    {"chmod", "/vendor/etc/none.xml", ENOENT},
+      {"chmod", "/odm/own", 0},             {"rename", "/vendor/etc/real.xml", EROFS},
+      {"rename", "/odm/dangling", 0}};
+  for (const auto& [call, path, expected] : calls) {
+    SCOPED_TRACE(std::string(call) + " " + path);
+    const std::string c = call;
+    errno = 0;
+    const int result = c == "mkdir"    ? device_mkdir(path, 0755)
+                       : c == "remove" ? device_remove(path)
+                       : c == "chmod"  ? device_chmod(path, 0600)
+                       : c == "rename" ? tarnwick_host::rename_path(path, "/odm/renamed")
+                       : c == "O_WRONLY" ? open_with(path, O_WRONLY)
+                       : c == "O_CREAT"  ? open_with(path, O_RDONLY | O_CREAT)
+                       : c == "O_TRUNC"  ? open_with(path, O_RDONLY | O_TRUNC)
+                       : c == "O_WRONLY|O_NOFOLLOW" ? open_with(path, O_WRONLY | O_NOFOLLOW)
+                                                    : fopen_with(path, call);
+    EXPECT_EQ(result, expected == 0 ? 0 : -1);
+    if (expected != 0) {
+      EXPECT_EQ(errno, expected) << strerror(errno);
+    }
+  }
+  EXPECT_EQ(snapshot(host("/vendor")), vendor);
+  EXPECT_EQ(fs::read_symlink(host("/odm/renamed")), "/vendor/etc/new.xml");
 }
 
 }  // namespace

@@ -41,6 +41,10 @@ bool is_legal_property_name(const char* name);
 // no surrogates, nothing above U+10FFFF).
 bool is_valid_utf8(const char* value);
 
+// Finds the device root that TARNWICK_ROOT names, once; without a usable one
+// the process says what to do and exits with status 2, having touched nothing.
+void find_device_root();
+
 // rename(2) of two device paths, resolved as device_open resolves them.
 int rename_path(const char* from, const char* to);
 

@@ -3,10 +3,14 @@
 // RESOLVE_IN_ROOT), so an absolute link in a vendor tree leads to the root's
 // own /vendor and ".." stops at the root, as on a device. Calls that act on a
 // name rather than open it (mkdir, remove, rename) open the directory that
-// holds the name that way and act on the name in it. Without the variable,
-// the C library's calls are used as they are.
+// holds the name that way and act on the name in it. /vendor is read-only on
+// a device: whatever would change something that lies in the root's /vendor
+// fails with EROFS instead. TARNWICK_ROOT=/ means the host's own paths, with
+// the C library's calls as they are (a sandbox that binds a device at / makes
+// /vendor read-only itself). Without the variable nothing is touched at all.
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <linux/openat2.h>
 #include <stdlib.h>
 #include <string.h>
@@ -37,13 +41,24 @@ int open_beneath(int dir, const char* path, int flags, mode_t mode) {
   return static_cast<int>(fd);
 }
 
-// The device root, opened once; -1 when paths are used as they are. A root
-// that cannot be used ends the process (exit, so that a host tool's own
-// clean-up runs): a start over the host's own /odm instead would be far worse
-// than none.
+// What a start without a device root prints before it ends, untouched.
+void refuse_without_root() {
+  fprintf(stderr,
+          "%s: set %s to a device root (a directory holding vendor/ and odm/, or / for the "
+          "host's own paths); tools/run-device ROOT does it for you\n",
+          program_invocation_short_name, kRootVariable);
+  exit(2);
+}
+
+// The device root, opened once; -1 when it is the host's own "/" and paths
+// are used as they are. Without a root, or with one that cannot be used, the
+// process ends (exit, so that a host tool's own clean-up runs): a start over
+// the host's own /odm would be far worse than none.
 int open_root() {
   const char* root = getenv(kRootVariable);
-  if (root == nullptr || root[0] == '\0') return -1;
+  if (root == nullptr || root[0] == '\0') refuse_without_root();
+  char real[PATH_MAX];
+  if (realpath(root, real) != nullptr && strcmp(real, "/") == 0) return -1;
   const int fd = open(root, O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) {
     fprintf(stderr, "%s: %s=%s: %s\n", program_invocation_short_name, kRootVariable, root,
@@ -114,6 +129,75 @@ int stream_flags(const char* mode) {
   return flags;
 }
 
+// Closes |fd| and returns the host path it stood for.
+std::string fd_path(int fd) {
+  char buf[PATH_MAX];
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  const ssize_t n = readlink(link.c_str(), buf, sizeof(buf));
+  closing(fd, 0);
+  return n > 0 && static_cast<size_t>(n) < sizeof(buf) ? std::string(buf, n) : std::string();
+}
+
+// The host path of the device path |path|, links followed; empty when missing.
+std::string host_path(const char* path) {
+  const int fd = open_in_root(path, O_PATH | O_CLOEXEC);
+  return fd < 0 ? std::string() : fd_path(fd);
+}
+
+// The host path where device path |path| lies, or where a call that creates it
+// would put it; |follow| follows a link at its end, dangling ones included, as
+// open(O_CREAT) and chmod do. Sets |exists|. Empty when the path leads nowhere
+// (a missing directory on the way, a loop of links): the call itself then fails.
+std::string location(std::string path, bool follow, bool* exists) {
+  const int kMaxLinks = 40;  // as the kernel allows
+  for (int hops = 0; hops <= kMaxLinks; ++hops) {
+    const int fd = open_in_root(path.c_str(), O_PATH | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW));
+    *exists = fd >= 0;
+    if (fd >= 0) return fd_path(fd);
+    std::string name;
+    const int dir = open_parent(path.c_str(), &name);
+    if (dir < 0) return "";
+    name.erase(name.find_last_not_of('/') + 1);
+    char target[PATH_MAX];
+    const ssize_t n = follow ? readlinkat(dir, name.c_str(), target, sizeof(target)) : -1;
+    const std::string at = fd_path(dir);
+    if (n <= 0 || static_cast<size_t>(n) >= sizeof(target)) return at + "/" + name;
+    // A dangling link: where its target would be made, read as the device reads it.
+    const std::string link(target, n);
+    static const size_t root_length = host_path("/").size();
+    path = link[0] == '/' ? link : at.substr(std::min(at.size(), root_length)) + "/" + link;
+  }
+  return "";
+}
+
+// Which state of its object lets a call reach the read-only check at all;
+// in the others it fails, or changes nothing, the way it would anyway.
+enum class When { kAlways, kExists, kMissing };
+
+// True, with errno EROFS, when the change to |path| would land in the root's
+// /vendor, which a device mounts read-only.
+bool read_only(const char* path, bool follow, When when) {
+  static const std::string vendor = host_path("/vendor");
+  if (vendor.empty()) return false;
+  bool exists;
+  const std::string at = location(path, follow, &exists);
+  const bool inside = at == vendor || at.compare(0, vendor.size() + 1, vendor + "/") == 0;
+  if (!inside || (when == When::kExists && !exists) || (when == When::kMissing && exists)) {
+    return false;
+  }
+  errno = EROFS;
+  return true;
+}
+
+// True, with errno EROFS, when open(2) with |flags| would write, truncate or
+// make something in the root's /vendor.
+bool opens_read_only(const char* path, int flags) {
+  const bool writes = (flags & O_PATH) == 0 &&
+                      ((flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0);
+  return writes && read_only(path, (flags & O_NOFOLLOW) == 0,
+                             (flags & O_CREAT) != 0 ? When::kAlways : When::kExists);
+}
+
 }  // namespace
 
 FILE* device_fopen(const char* path, const char* mode) {
@@ -123,6 +207,7 @@ FILE* device_fopen(const char* path, const char* mode) {
     errno = EINVAL;
     return nullptr;
   }
+  if (opens_read_only(path, flags)) return nullptr;
   const int fd = open_in_root(path, flags, 0666);
   if (fd < 0) return nullptr;
   FILE* file = fdopen(fd, mode);
@@ -140,11 +225,15 @@ DIR* device_opendir(const char* path) {
 }
 
 int device_open(const char* path, int flags, mode_t mode) {
-  return root() < 0 ? open(path, flags, mode) : open_in_root(path, flags, mode);
+  if (root() < 0) return open(path, flags, mode);
+  if (opens_read_only(path, flags)) return -1;
+  return open_in_root(path, flags, mode);
 }
 
 int device_mkdir(const char* path, mode_t mode) {
   if (root() < 0) return mkdir(path, mode);
+  // An existing name fails with EEXIST below, as it does on a device.
+  if (read_only(path, false, When::kMissing)) return -1;
   std::string name;
   const int dir = open_parent(path, &name);
   return dir < 0 ? -1 : closing(dir, mkdirat(dir, name.c_str(), mode));
@@ -153,6 +242,7 @@ int device_mkdir(const char* path, mode_t mode) {
 // As the C library's remove: unlink, and rmdir when that finds a directory.
 int device_remove(const char* path) {
   if (root() < 0) return remove(path);
+  if (read_only(path, false, When::kAlways)) return -1;
   std::string name;
   const int dir = open_parent(path, &name);
   if (dir < 0) return -1;
@@ -166,6 +256,7 @@ int device_remove(const char* path) {
 // descriptor takes no fchmod).
 int device_chmod(const char* path, mode_t mode) {
   if (root() < 0) return chmod(path, mode);
+  if (read_only(path, true, When::kExists)) return -1;
   const int fd = open_in_root(path, O_PATH | O_CLOEXEC);
   if (fd < 0) return -1;
   const std::string name = "/proc/self/fd/" + std::to_string(fd);
@@ -174,8 +265,11 @@ int device_chmod(const char* path, mode_t mode) {
 
 namespace tarnwick_host {
 
+void find_device_root() { root(); }
+
 int rename_path(const char* from, const char* to) {
   if (root() < 0) return rename(from, to);
+  if (read_only(from, false, When::kAlways) || read_only(to, false, When::kAlways)) return -1;
   std::string from_name, to_name;
   const int from_dir = open_parent(from, &from_name);
   if (from_dir < 0) return -1;
