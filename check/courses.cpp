@@ -237,13 +237,16 @@ std::string read_at_boot(const std::vector<std::string>& files) {
   return text.empty() ? "" : "; the platform reads by name at boot: " + text;
 }
 
-// One finding per distinct subject and message, its product texts gathered.
+// One finding per distinct subject and message, the product texts and the
+// trees (which stand for "{trees}" in the message) of its rows gathered.
 struct Gathered {
-  std::map<std::tuple<std::string, bool, std::string, std::string>, std::vector<std::string>> findings;
+  struct Rows { std::vector<std::string> products, trees; };
+  std::map<std::tuple<std::string, bool, std::string, std::string>, Rows> findings;
   void add(const std::string& code, bool error, const std::string& subject,
            const std::string& message, const Row& row) {
-    auto& products = findings[{code, error, subject, message}];
-    products.insert(products.end(), row.products.begin(), row.products.end());
+    Rows& rows = findings[{code, error, subject, message}];
+    rows.products.insert(rows.products.end(), row.products.begin(), row.products.end());
+    rows.trees.push_back("odm_" + row.final_model);
   }
 };
 
@@ -262,47 +265,46 @@ std::string files_text(const std::vector<std::string>& files) {
 // The findings of the update courses.
 void judge_update(const Row& row, Gathered* out) {
   const Course& c = *row.update;
-  const std::string tree = "odm_" + row.final_model;
   if (!c.provisions && !c.from_factory.empty()) {
     out->add("stamp-not-bumped", true, in_tree(row.stamp),
-             "keeps the version line " + shown(c.line_after) + " while the files of " + tree +
-                 " change (" + files_text(all(c.from_factory)) + "): its devices keep the old files",
+             "keeps the version line " + shown(c.line_after) + " while the files of {trees} change (" +
+                 files_text(all(c.from_factory)) + "): their devices keep the old ones",
              row);
   }
   if (!c.from_factory.removed.empty()) {
-    out->add("left-behind", false, tree,
-             "devices updated from the old release keep " + files_text(c.from_factory.removed) +
-                 ", which new devices lack" + read_at_boot(c.from_factory.removed),
+    out->add("left-behind", false, files_text(c.from_factory.removed),
+             "devices of {trees} updated from the old release keep it, and new devices lack it" +
+                 read_at_boot(c.from_factory.removed),
              row);
   }
   if (c.provisions && c.change.empty() && c.from_factory.empty()) {
     out->add("restart-without-change", false, in_tree(row.stamp),
              "changes the version line from " + shown(c.line_before) + " to " + shown(c.line_after) +
-                 " but nothing in /odm/etc changes for " + tree + ": each device restarts once for nothing",
+                 ", but nothing in /odm/etc changes for {trees}: each of their devices restarts "
+                 "once for nothing",
              row);
   }
   if (row.old_final != row.final_model) {
-    out->add("model-changed", false, "odm_" + row.old_final + " > " + tree,
-             "the update moves its devices from odm_" + row.old_final + " to " + tree, row);
+    out->add("model-changed", false, "odm_" + row.old_final + " > odm_" + row.final_model,
+             "the update moves these devices to another tree", row);
   }
 }
 
 // The findings of the installed /odm's courses.
 void judge_installed(const Options& options, const Row& row, Gathered* out) {
   const Course& c = *row.installed;
-  const std::string tree = "odm_" + row.final_model;
   std::vector<std::string> drifted = c.from_factory.added;
   drifted.insert(drifted.end(), c.from_factory.changed.begin(), c.from_factory.changed.end());
   std::sort(drifted.begin(), drifted.end());
   if (!drifted.empty()) {
     out->add("drift", true, options.installed,
-             "differs from what " + tree + " installs in " + files_text(drifted) +
+             "differs from what {trees} installs in " + files_text(drifted) +
                  ", under the installed stamp " + shown(c.line_after) + ": no start mends it",
              row);
   }
   if (!c.from_factory.removed.empty()) {
-    out->add("left-behind", false, options.installed,
-             "keeps " + files_text(c.from_factory.removed) + ", which a new device lacks" +
+    out->add("left-behind", false, files_text(c.from_factory.removed),
+             "stays in " + options.installed + " after its starts, and new devices of {trees} lack it" +
                  read_at_boot(c.from_factory.removed),
              row);
   }
@@ -401,12 +403,15 @@ bool examine_courses(const Options& options, Report* report) {
     row.installed_judged = true;
     judge_installed(options, row, &gathered);
   }
-  for (auto& [finding, products] : gathered.findings) {
+  for (auto& [finding, rows] : gathered.findings) {
     const auto& [code, error, subject, message] = finding;
-    const std::vector<std::string> texts = unique(products);
+    const std::vector<std::string> products = unique(rows.products), trees = unique(rows.trees);
+    std::string text = message;
+    const size_t at = text.find("{trees}");
+    if (at != std::string::npos) text.replace(at, 7, join(trees));
     add_finding(report, code, error, subject,
-                message + " (" + (texts.size() == report->product_count ? "every product text"
-                                                                         : join(texts)) + ")",
+                text + " (" + (products.size() == report->product_count ? "every product text"
+                                                                        : join(products)) + ")",
                 advice(code, subject));
   }
   return true;

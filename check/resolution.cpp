@@ -88,12 +88,14 @@ std::string reason(const std::string& product, const std::string& target_hit,
 using Tables = std::vector<std::pair<AliasMap, AliasMap>>;  // per setting
 
 // What the selection gives one product text under one setting: its models,
-// the source stamp its start reads, why (in words), and the old release's
-// answer (with --update-from).
+// the source stamp its start reads, why (in words), and the same of the old
+// release (with --update-from).
 struct Answer {
-  std::string preliminary, final_model, stamp, why, old;
+  std::string preliminary, final_model, stamp, why;
+  std::string old_preliminary, old_final, old_stamp;
   std::string key() const {
-    return preliminary + '\0' + final_model + '\0' + stamp + '\0' + why + '\0' + old;
+    return preliminary + '\0' + final_model + '\0' + stamp + '\0' + why + '\0' + old_preliminary +
+           '\0' + old_final + '\0' + old_stamp;
   }
 };
 
@@ -281,26 +283,15 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
     products.insert("");
     add_products(tables, &products);
   }
-  // The old release: its answers, and product texts of its own, which its
-  // devices may well carry.
-  std::vector<std::vector<Answer>> old_answers;
-  if (!options.update_from.empty()) {
+  // The old release's tables, and product texts of its own, which its devices
+  // may well carry.
+  const bool update = !options.update_from.empty();
+  Tables old_tables;
+  if (update) {
     use_release(true);
     prepare_odm(options, false);
-    const auto old_tables = load_tables(options, report->settings);
+    old_tables = load_tables(options, report->settings);
     if (!options.products) add_products(old_tables, &products);
-    erase_unreadable(&products, nullptr);
-    old_answers.resize(products.size());
-    const std::vector<std::string> old_stamps = stamps_of(products);
-    for (size_t s = 0; s < report->settings.size(); ++s) {
-      use_setting(options, report->settings, old_tables, s);
-      size_t p = 0;
-      for (const std::string& product : products) {
-        old_answers[p].push_back(answer(product));
-        old_answers[p].back().stamp = old_stamps[p];
-        ++p;
-      }
-    }
     use_release(false);
     prepare_odm(options, !options.installed.empty());
   }
@@ -327,12 +318,33 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
       a.stamp = stamps[p];
       a.why = reason(product, get_model_name(product, TargetAliasMap), model_hits[p], a.preliminary,
                      a.final_model);
-      if (!old_answers.empty()) {
-        const Answer& old = old_answers[p][s];
-        a.old = old.preliminary + '\0' + old.final_model + '\0' + old.stamp;
-      }
       answers[p++].push_back(a);
     }
+  }
+  // The old release's answers. The preliminary model depends on the tables
+  // and the product text alone, so where both releases load the same tables
+  // the old one's is the new one's, and only the trees are asked again.
+  if (update) {
+    use_release(true);
+    const std::vector<std::string> old_stamps = stamps_of(products);
+    for (size_t s = 0; s < report->settings.size(); ++s) {
+      const bool same_tables = old_tables[s] == tables[s];
+      if (!same_tables) use_setting(options, report->settings, old_tables, s);
+      size_t p = 0;
+      for (const std::string& product : products) {
+        Answer& a = answers[p][s];
+        if (same_tables) {
+          a.old_preliminary = a.preliminary;
+          a.old_final = confirm_model_source(a.preliminary, kProvisioningRun);
+        } else {
+          const Answer old = answer(product);
+          a.old_preliminary = old.preliminary;
+          a.old_final = old.final_model;
+        }
+        a.old_stamp = old_stamps[p++];
+      }
+    }
+    use_release(false);
   }
 
   // One row per answer, its product texts and settings merged.
@@ -352,18 +364,15 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
       auto [it, added] = row_of.emplace(when + '\0' + key, report->rows.size());
       if (added) {
         Row row;
+        row.old_preliminary = a.old_preliminary;
+        row.old_final = a.old_final;
+        row.old_stamp = a.old_stamp;
         row.settings = settings;
         row.when = when;
         row.preliminary = a.preliminary;
         row.final_model = a.final_model;
         row.why = a.why;
         row.stamp = a.stamp;
-        if (!old_answers.empty()) {
-          const Answer& old = old_answers[p][settings[0]];
-          row.old_preliminary = old.preliminary;
-          row.old_final = old.final_model;
-          row.old_stamp = old.stamp;
-        }
         report->rows.push_back(row);
       }
       report->rows[it->second].products.push_back(product);
