@@ -12,14 +12,19 @@
 #include <vector>
 
 // Where the scratch device holds --config (when the tree has no configuration
-// of its own to stand in for) and a copy of --installed, as device paths.
+// of its own to stand in for), a copy of --installed, and the release that is
+// not at /vendor/etc/odm (use_release), as device paths.
 inline constexpr char kCheckConfig[] = "/tarnwick-check/odmconfig.xml";
 inline constexpr char kCheckInstalled[] = "/tarnwick-check/installed";
+inline constexpr char kCheckOtherRelease[] = "/tarnwick-check/other-release";
+// The version of the JSON document's layout, raised when a field changes meaning.
+inline constexpr int kJsonVersion = 2;
 
 struct Options {
   std::string tree;                      // as given on the command line
   std::string config;                    // --config FILE, or empty
   std::string installed;                 // --installed DIR, or empty
+  std::string update_from;               // --update-from DIR, or empty
   std::optional<std::vector<std::string>> products;  // --product texts
   std::map<std::string, std::string> props;          // --prop NAME=VALUE
   bool json = false;
@@ -37,6 +42,24 @@ struct Finding {
 // A value of each tested property, in name order; nullopt: unset.
 using Setting = std::vector<std::pair<std::string, std::optional<std::string>>>;
 
+// What it takes to go from one /odm to another, by paths relative to /odm/etc:
+// entries only the second has, entries both have but differ in (type, mode,
+// contents, link target), entries only the first has.
+struct OdmDiff {
+  std::vector<std::string> added, changed, removed;
+  bool empty() const { return added.empty() && changed.empty() && removed.empty(); }
+};
+
+// A device that starts from some /odm and takes a release, against a device of
+// that release fresh from the factory.
+struct Course {
+  bool provisions = false;    // its first start provisions
+  OdmDiff change;             // from its /odm before the starts to its /odm after
+  OdmDiff from_factory;       // from its /odm after the starts to the factory device's
+  bool properties_differ = false;  // the two devices publish different properties
+  std::string line_before, line_after;  // its installed version line before and after
+};
+
 // Product texts and settings that give the same answer.
 struct Row {
   std::vector<std::string> products;
@@ -45,6 +68,13 @@ struct Row {
   std::string preliminary, final_model, why;
   std::string stamp;             // the source stamp its products use
   std::optional<bool> provisions;  // with --installed: whether the next start provisions
+  // With --update-from: the answer of the release the devices run now.
+  std::string old_preliminary, old_final, old_stamp;
+  std::optional<Course> update;     // with --update-from
+  std::optional<Course> installed;  // with --installed
+  // The installed /odm is judged as a device of the rows whose new devices it
+  // is closest to: its findings are theirs.
+  bool installed_judged = false;
 };
 
 struct Tree {
@@ -82,13 +112,17 @@ std::string in_tree(const std::string& path);
 // |text| as it is when it is a plain name, else in quotes with bytes other
 // than printable ASCII escaped.
 std::string shown(const std::string& text);
+// |texts| shown, at most |limit| of them, and how many more.
+std::string join(const std::vector<std::string>& texts, size_t limit = 6);
 
 // The scratch device (device.cpp). make_device copies |tree| (the directory
-// that becomes /vendor/etc/odm) and what |options| name into a new device
-// root and points TARNWICK_ROOT at it; nothing of the program's library may
-// run before, or it would look up paths on the host. False with |error| set
-// when it cannot. The root is removed at exit, and on SIGINT, SIGTERM and SIGHUP.
-bool make_device(const Options& options, const std::string& tree, std::string* error);
+// that becomes /vendor/etc/odm), |old_tree| (the old release, when not empty)
+// and what |options| name into a new device root and points TARNWICK_ROOT at
+// it; nothing of the program's library may run before, or it would look up
+// paths on the host. False with |error| set when it cannot. The root is
+// removed at exit, and on SIGINT, SIGTERM and SIGHUP.
+bool make_device(const Options& options, const std::string& tree, const std::string& old_tree,
+                 std::string* error);
 // Device path |path| on the host, for what the checker itself lays out there.
 std::string host(const std::string& path);
 // True when device path |path| is a directory, links followed inside the root.
@@ -98,10 +132,20 @@ std::vector<std::pair<std::string, std::filesystem::file_type>> list_dir(const s
 // Makes /odm what a provisioning run would start from: empty, or a copy of
 // --installed; with the configuration the run reads at /odm/etc/odmconfig.xml.
 void prepare_odm(const Options& options, bool with_installed);
+// Puts the release at /vendor/etc/odm: the old one (--update-from) or the one
+// checked; the other waits at kCheckOtherRelease.
+void use_release(bool old);
+// Replaces /odm with a copy of host directory |from|, modes and links kept.
+void restore_odm(const std::string& from);
+// Copies /odm to host directory |to|, modes and links kept.
+void save_odm(const std::string& to);
 // Sets property |name| in the store as boot.prop would; an empty value unsets it.
 void put_property(const std::string& name, const std::string& value);
-// Writes the property store of one start: |setting|, the --prop values and
-// the product text; everything else unset.
+// The properties a start with |setting| and |product| begins with: the
+// --prop values, the setting's and the product text; an empty value is unset.
+std::map<std::string, std::string> boot_properties(const Options& options, const Setting& setting,
+                                                   const std::string& product);
+// Writes the property store of one start: its boot_properties, nothing else.
 void write_properties(const Options& options, const Setting& setting, const std::string& product);
 // One device start of the program over the device as it stands, with the
 // properties of |setting| and |product|; false, after saying why, when it
@@ -109,6 +153,8 @@ void write_properties(const Options& options, const Setting& setting, const std:
 bool start_program(const Options& options, const Setting& setting, const std::string& product);
 // True when the last start found the two stamps equal, and so provisioned nothing.
 bool stamps_were_equal();
+// True when the last start left a restart request.
+bool restart_requested();
 
 // Each step fills its part of the report, in this order, with the program's
 // log silenced.
@@ -118,14 +164,20 @@ std::map<std::string, std::set<std::string>> scan_config(const std::string& labe
 // The policy type of a property that a vendor service reads as empty on a
 // device, or null; |never| tells whether no rule can change that.
 const char* unreadable_type(const std::string& name, bool* never);
-// The resolution table, and the findings about aliases and model names; false
-// when the tested properties have too many settings to show.
+// The resolution table, and the findings about aliases and model names; with
+// --update-from each row also has one answer of the old release. False when
+// the tested properties have too many settings to show.
 bool resolve(const Options& options, const std::map<std::string, std::set<std::string>>& tests,
              Report* report);
-// Per final tree: installs, leave-outs, removals; source stamps; the next start
-// on --installed. Runs the program itself for what only a start can tell;
-// false when it could not.
+// Per final tree: installs, leave-outs, removals; source stamps. Runs the
+// program itself for what only a start can tell; false when it could not.
 bool examine_trees(const Options& options, Report* report);
+
+// Devices that take the tree after the old release (--update-from) or with
+// the installed /odm (--installed), against factory-fresh devices of the tree,
+// by running the program: per row, and the findings; false when a start could
+// not run.
+bool examine_courses(const Options& options, Report* report);
 
 void print_text(const Options& options, const Report& report);
 void print_json(const Options& options, const Report& report);

@@ -31,6 +31,10 @@ const char kProgram[] = "tarnwick";
 const char kInstalledProgramDir[] = TARNWICK_LIBEXEC_FROM_BIN;
 // Set only when a start found the two stamps equal, and so provisioned nothing.
 const char kVersionProperty[] = "ro.vendor.odm.version";
+// Where the platform's restart request is made.
+const char kRestartProperty[] = "sys.powerctl";
+
+bool old_release_in_place = false;
 
 std::string root_path;
 char removal_path[PATH_MAX];
@@ -110,7 +114,8 @@ std::string program_path() {
 
 }  // namespace
 
-bool make_device(const Options& options, const std::string& tree, std::string* error) {
+bool make_device(const Options& options, const std::string& tree, const std::string& old_tree,
+                 std::string* error) {
   std::string path = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
   path += "/tarnwick-check.XXXXXX";
   if (mkdtemp(path.data()) == nullptr || path.size() >= sizeof(removal_path)) {
@@ -135,12 +140,35 @@ bool make_device(const Options& options, const std::string& tree, std::string* e
                   fs::copy_options::overwrite_existing, ec);
   }
   if (!options.installed.empty()) copy_tree(options.installed, host(kCheckInstalled));
+  if (!old_tree.empty()) copy_tree(old_tree, host(kCheckOtherRelease));
   if (ec || !fs::is_directory(host(odm_dir))) {
     *error = "cannot copy the tree into " + path + (ec ? ": " + ec.message() : "");
     return false;
   }
   setenv("TARNWICK_ROOT", path.c_str(), 1);
   return true;
+}
+
+void use_release(bool old) {
+  if (old == old_release_in_place) return;
+  const std::string odm_dir = host(fs::path(kModelTreePrefix).parent_path());
+  const std::string away = host("/tarnwick-check/away");
+  fs::rename(odm_dir, away);
+  fs::rename(host(kCheckOtherRelease), odm_dir);
+  fs::rename(away, host(kCheckOtherRelease));
+  old_release_in_place = old;
+}
+
+void restore_odm(const std::string& from) {
+  fs::remove_all(host("/odm"));
+  copy_tree(from, host("/odm"));
+}
+
+void save_odm(const std::string& to) {
+  std::error_code ec;
+  fs::remove_all(to, ec);
+  fs::create_directories(fs::path(to).parent_path(), ec);
+  copy_tree(host("/odm"), to);
 }
 
 std::string host(const std::string& path) { return root_path + path; }
@@ -194,16 +222,22 @@ void put_property(const std::string& name, const std::string& value) {
   }
 }
 
+std::map<std::string, std::string> boot_properties(const Options& options, const Setting& setting,
+                                                   const std::string& product) {
+  std::map<std::string, std::string> props = options.props;
+  for (const auto& [name, value] : setting) {
+    if (value) props[name] = *value;
+  }
+  props["ro.vendor.product"] = product;
+  return props;
+}
+
 void write_properties(const Options& options, const Setting& setting, const std::string& product) {
   std::error_code ec;
   for (const auto& entry : fs::directory_iterator(host(tarnwick_host::kPropertyDir), ec)) {
     fs::remove_all(entry.path(), ec);
   }
-  for (const auto& [name, value] : options.props) put_property(name, value);
-  for (const auto& [name, value] : setting) {
-    if (value) put_property(name, *value);
-  }
-  put_property("ro.vendor.product", product);
+  for (const auto& [name, value] : boot_properties(options, setting, product)) put_property(name, value);
 }
 
 bool start_program(const Options& options, const Setting& setting, const std::string& product) {
@@ -245,4 +279,10 @@ bool start_program(const Options& options, const Setting& setting, const std::st
 
 bool stamps_were_equal() {
   return fs::exists(host(tarnwick_host::kPropertyDir) + "/" + kVersionProperty);
+}
+
+bool restart_requested() {
+  char request[PROP_VALUE_MAX] = {};
+  property_get(kRestartProperty, request, "");
+  return strncmp(request, "reboot", 6) == 0;
 }

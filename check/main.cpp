@@ -36,9 +36,14 @@ Options:
                      alias, model and target name, tree name, and "")
   --prop NAME=VALUE  fix a property (repeatable; by default each property a
                      block tests takes each value the blocks name, and unset)
-  --installed DIR    an existing /odm: tell what its next start does
+  --installed DIR    an existing /odm: tell what its next start does, and
+                     what it keeps that a new device of the tree lacks
+  --update-from DIR  the vendor ODM tree (or device root) of the release the
+                     devices run now: tell what taking this one does to
+                     them, against new devices of this one
   --json             print one JSON document instead of the report
   --strict           warnings fail too
+  --version          print the version and exit
   -h, --help         show this text
 
 Exit status: 0 without errors, 1 with errors (or warnings under --strict),
@@ -60,8 +65,10 @@ int parse(int argc, char** argv, Options* options) {
   static const option kLong[] = {
       {"config", required_argument, nullptr, 'c'}, {"product", required_argument, nullptr, 'p'},
       {"prop", required_argument, nullptr, 'P'},   {"installed", required_argument, nullptr, 'i'},
+      {"update-from", required_argument, nullptr, 'u'},
       {"json", no_argument, nullptr, 'j'},         {"strict", no_argument, nullptr, 's'},
-      {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0}};
+      {"help", no_argument, nullptr, 'h'},         {"version", no_argument, nullptr, 'V'},
+      {nullptr, 0, nullptr, 0}};
   opterr = 0;
   int c;
   while ((c = getopt_long(argc, argv, ":h", kLong, nullptr)) != -1) {
@@ -69,9 +76,11 @@ int parse(int argc, char** argv, Options* options) {
     switch (c) {
       case 'c': options->config = arg; break;
       case 'i': options->installed = arg; break;
+      case 'u': options->update_from = arg; break;
       case 'j': options->json = true; break;
       case 's': options->strict = true; break;
       case 'h': fputs(kUsage, stdout); return 0;
+      case 'V': printf("tarnwick-check %s\n", TARNWICK_VERSION); return 0;
       case 'p':
         if (!options->products) options->products.emplace();
         options->products->push_back(arg);
@@ -105,21 +114,33 @@ std::string tree_of(const std::string& dir) {
   return fs::absolute(dir);
 }
 
-// What the command line names must be there before anything is copied. Plain
-// C library calls: the library's own resolve inside the device root, which
-// does not exist yet.
-int check_arguments(const Options& options, const std::string& tree) {
+// -1 when |tree|, given as |given|, is a vendor ODM tree; else the exit status
+// after saying what is wrong.
+int check_tree(const std::string& given, const std::string& tree) {
   std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(tree.c_str()), closedir);
   if (!listing) {
-    return usage_error("cannot read " + options.tree + ": " + strerror(errno));
+    return usage_error("cannot read " + given + ": " + strerror(errno));
   }
   bool any_tree = false;
   while (const dirent* entry = readdir(listing.get())) {
     any_tree = any_tree || strncmp(entry->d_name, "odm_", 4) == 0;
   }
   if (!any_tree) {
-    return usage_error(options.tree + " holds no odm_<model> tree: give the directory that "
+    return usage_error(given + " holds no odm_<model> tree: give the directory that "
                        "becomes /vendor/etc/odm, or a device root");
+  }
+  return -1;
+}
+
+// What the command line names must be there before anything is copied. Plain
+// C library calls: the library's own resolve inside the device root, which
+// does not exist yet.
+int check_arguments(const Options& options, const std::string& tree, const std::string& old_tree) {
+  if (const int status = check_tree(options.tree, tree); status >= 0) return status;
+  if (!old_tree.empty()) {
+    if (const int status = check_tree("--update-from " + options.update_from, old_tree); status >= 0) {
+      return status;
+    }
   }
   if (!options.config.empty() && access(options.config.c_str(), R_OK) != 0) {
     return usage_error("cannot read --config " + options.config + ": " + strerror(errno));
@@ -149,14 +170,24 @@ int check(const Options& options) {
                 "ship the configuration in odm_default");
   }
   prepare_odm(options, !options.installed.empty());
-  const auto tests = label.empty() ? std::map<std::string, std::set<std::string>>()
-                                   : scan_config(label, &report);
+  auto tests = label.empty() ? std::map<std::string, std::set<std::string>>()
+                             : scan_config(label, &report);
+  if (!options.update_from.empty()) {
+    // The old release's configuration tests properties too: the settings are
+    // those of both. What is wrong with it is not this check's matter.
+    use_release(true);
+    prepare_odm(options, false);
+    Report old;
+    for (const auto& [name, values] : scan_config("old", &old)) tests[name].insert(values.begin(), values.end());
+    use_release(false);
+    prepare_odm(options, !options.installed.empty());
+  }
   if (!resolve(options, tests, &report)) {
     fprintf(stderr, "tarnwick-check: the tested properties have more than 4096 settings; "
                     "fix some with --prop\n");
     return 2;
   }
-  if (!examine_trees(options, &report)) return 2;
+  if (!examine_trees(options, &report) || !examine_courses(options, &report)) return 2;
   if (options.json) {
     print_json(options, report);
   } else {
@@ -174,10 +205,11 @@ int main(int argc, char** argv) {
   int status = parse(argc, argv, &options);
   if (status >= 0) return status;
   const std::string tree = tree_of(options.tree);
-  status = check_arguments(options, tree);
+  const std::string old_tree = options.update_from.empty() ? "" : tree_of(options.update_from);
+  status = check_arguments(options, tree, old_tree);
   if (status >= 0) return status;
   std::string error;
-  if (!make_device(options, tree, &error)) {
+  if (!make_device(options, tree, old_tree, &error)) {
     fprintf(stderr, "tarnwick-check: %s\n", error.c_str());
     return 2;
   }

@@ -46,6 +46,47 @@ size_t count(const Report& report, bool errors) {
                        [&](const Finding& f) { return f.error == errors; });
 }
 
+// The courses of every row: a table of their outcomes, each row followed by
+// what its starts change and how it then differs from a new device.
+// |before| is a row's model before the starts; |judged| marks rows with "*".
+void print_courses(const Report& report, bool update) {
+  std::vector<std::vector<std::string>> cells;
+  for (const Row& row : report.rows) {
+    const Course& c = update ? *row.update : *row.installed;
+    const std::string before = update ? row.old_final : row.final_model;
+    std::string tree = "odm_" + row.final_model;
+    if (before != row.final_model) tree = "odm_" + before + " > " + tree;
+    cells.push_back({(!update && row.installed_judged ? "* " : "") + products_of(row), row.when, tree,
+                     c.provisions ? "provisions: " + shown(c.line_before) + " > " + shown(c.line_after)
+                                  : "current: " + shown(c.line_after)});
+  }
+  std::vector<size_t> width(4);
+  for (const auto& line : cells) {
+    for (size_t i = 0; i < 3; ++i) width[i] = std::max(width[i], line[i].size());
+  }
+  for (size_t r = 0; r < report.rows.size(); ++r) {
+    std::string text;
+    for (size_t i = 0; i < 4; ++i) text += "  " + cells[r][i] + std::string(width[i] - std::min(width[i], cells[r][i].size()), ' ');
+    printf("%s\n", text.substr(0, text.find_last_not_of(' ') + 1).c_str());
+    const Course& c = update ? *report.rows[r].update : *report.rows[r].installed;
+    const std::pair<const char*, const std::vector<std::string>*> lines[] = {
+        {"adds       ", &c.change.added}, {"changes    ", &c.change.changed},
+        {"removes    ", &c.change.removed}};
+    for (const auto& [label, files] : lines) {
+      if (!files->empty()) wrapped("      ", label, list(*files));
+    }
+    std::string unlike;
+    const std::pair<const char*, const std::vector<std::string>*> against[] = {
+        {"lacks ", &c.from_factory.added}, {"differs in ", &c.from_factory.changed},
+        {"keeps ", &c.from_factory.removed}};
+    for (const auto& [label, files] : against) {
+      if (!files->empty()) unlike += (unlike.empty() ? "" : "; ") + (label + list(*files));
+    }
+    if (c.properties_differ) unlike += (unlike.empty() ? "" : "; ") + std::string("publishes other properties");
+    if (!unlike.empty()) wrapped("      ", "unlike a new device: ", unlike);
+  }
+}
+
 }  // namespace
 
 void print_text(const Options& options, const Report& report) {
@@ -114,6 +155,16 @@ void print_text(const Options& options, const Report& report) {
     }
   }
 
+  if (!options.update_from.empty()) {
+    printf("\nUpdate from %s: its devices once they take this tree\n", options.update_from.c_str());
+    print_courses(report, true);
+  }
+  if (!options.installed.empty()) {
+    printf("\nNext starts on %s (judged as the rows marked *, whose new devices it is closest to)\n",
+           options.installed.c_str());
+    print_courses(report, false);
+  }
+
   const size_t errors = count(report, true);
   const size_t warnings = count(report, false);
   printf("\nFindings: %zu error%s, %zu warning%s\n", errors, plural(errors), warnings,
@@ -131,7 +182,9 @@ void print_text(const Options& options, const Report& report) {
 void print_json(const Options& options, const Report& report) {
   using nlohmann::json;
   auto value = [](const std::optional<std::string>& v) { return v ? json(*v) : json(nullptr); };
-  json doc = {{"tree", options.tree}, {"configuration", report.config}};
+  json doc = {{"version", kJsonVersion}, {"tree", options.tree}, {"configuration", report.config}};
+  if (!options.update_from.empty()) doc["update_from"] = options.update_from;
+  if (!options.installed.empty()) doc["installed"] = options.installed;
   doc["tested"] = json::array();
   for (const auto& [name, values] : report.tested) {
     json vs = json::array();
@@ -150,6 +203,25 @@ void print_json(const Options& options, const Report& report) {
               {"preliminary", row.preliminary}, {"final", row.final_model},
               {"tree", "odm_" + row.final_model}, {"why", row.why}, {"stamp", in_tree(row.stamp)}};
     if (row.provisions) r["next_start_provisions"] = *row.provisions;
+    const auto course = [](const Course& c) {
+      return json{{"provisions", c.provisions}, {"adds", c.change.added}, {"changes", c.change.changed},
+                  {"removes", c.change.removed}, {"version_line_before", c.line_before},
+                  {"version_line_after", c.line_after},
+                  {"against_new_device", {{"lacks", c.from_factory.added},
+                                          {"differs", c.from_factory.changed},
+                                          {"keeps", c.from_factory.removed},
+                                          {"properties_differ", c.properties_differ}}}};
+    };
+    if (row.update) {
+      r["update"] = course(*row.update);
+      r["update"]["model_before"] = row.old_final;
+      r["update"]["model_after"] = row.final_model;
+      r["update"]["stamp_before"] = in_tree(row.old_stamp);
+    }
+    if (row.installed) {
+      r["installed"] = course(*row.installed);
+      r["installed"]["judged"] = row.installed_judged;
+    }
     doc["rows"].push_back(r);
   }
   doc["trees"] = json::array();

@@ -85,7 +85,95 @@ std::string reason(const std::string& product, const std::string& target_hit,
   return why;
 }
 
-void check_aliases(const std::vector<std::pair<AliasMap, AliasMap>>& tables, Report* report) {
+using Tables = std::vector<std::pair<AliasMap, AliasMap>>;  // per setting
+
+// What the selection gives one product text under one setting: its models,
+// the source stamp its start reads, why (in words), and the same of the old
+// release (with --update-from).
+struct Answer {
+  std::string preliminary, final_model, stamp, why;
+  std::string old_preliminary, old_final, old_stamp;
+  std::string key() const {
+    return preliminary + '\0' + final_model + '\0' + stamp + '\0' + why + '\0' + old_preliminary +
+           '\0' + old_final + '\0' + old_stamp;
+  }
+};
+
+// The tables of each setting, as a provisioning run loads them from the
+// configuration at /odm/etc/odmconfig.xml.
+Tables load_tables(const Options& options, const std::vector<Setting>& settings) {
+  Tables tables;
+  for (const Setting& setting : settings) {
+    write_properties(options, setting, "");
+    ModelAliasMap.clear();
+    TargetAliasMap.clear();
+    create_map_from_config();
+    tables.emplace_back(ModelAliasMap, TargetAliasMap);
+  }
+  return tables;
+}
+
+// Every alias, model and target name of |tables|, and the name of every tree
+// of the release at /vendor/etc/odm.
+void add_products(const Tables& tables, std::set<std::string>* products) {
+  for (const auto& [models, targets] : tables) {
+    for (const AliasMap* table : {&models, &targets}) {
+      for (const auto& [key, alias] : *table) products->insert({key, alias});
+    }
+  }
+  const std::string dir = fs::path(kModelTreePrefix).parent_path();
+  for (const auto& entry : list_dir(dir)) {
+    const std::string& name = entry.first;
+    if (name.rfind("odm_", 0) == 0 && is_directory(dir + "/" + name)) products->insert(name.substr(4));
+  }
+}
+
+// Drops what a property read cannot give; says (into |report|, when given)
+// which product texts lead out of their trees.
+void erase_unreadable(std::set<std::string>* products, Report* report) {
+  for (auto it = products->begin(); it != products->end();) {
+    if (it->size() >= PROP_VALUE_MAX) {
+      it = products->erase(it);  // a property read cannot give it; its alias is reported
+      continue;
+    }
+    if (report != nullptr && (it->find('/') != std::string::npos || it->find("..") != std::string::npos)) {
+      add_finding(report, "path-product", false, "product text " + shown(*it),
+                  "holds \"/\" or \"..\": the paths built from it leave odm_" + *it,
+                  "use product texts that are plain names");
+    }
+    ++it;
+  }
+}
+
+// Puts the tables and the properties of setting |s| in place.
+void use_setting(const Options& options, const std::vector<Setting>& settings, const Tables& tables,
+                 size_t s) {
+  ModelAliasMap = tables[s].first;
+  TargetAliasMap = tables[s].second;
+  write_properties(options, settings[s], "");
+}
+
+// The answer for |product|, with a setting in place (use_setting), over the
+// release at /vendor/etc/odm; |why| is left to the caller.
+Answer answer(const std::string& product) {
+  put_property(kProductProperty, product);
+  Answer a;
+  a.preliminary = select_model_name(kProvisioningRun);
+  a.final_model = confirm_model_source(a.preliminary, kProvisioningRun);
+  return a;
+}
+
+// The source stamp each of |products| reads, in the release at /vendor/etc/odm.
+std::vector<std::string> stamps_of(const std::set<std::string>& products) {
+  std::vector<std::string> stamps;
+  for (const std::string& product : products) {
+    const std::string sku = sku_stamp_path(product);
+    stamps.push_back(exists_file(sku) ? sku : kDefaultStampPath);
+  }
+  return stamps;
+}
+
+void check_aliases(const Tables& tables, Report* report) {
   std::set<std::string> reported;
   for (const auto& pair : tables) {
     for (const AliasMap* table : {&pair.first, &pair.second}) {
@@ -125,7 +213,7 @@ void check_aliases(const std::vector<std::pair<AliasMap, AliasMap>>& tables, Rep
 }
 
 // Models and targets the configuration names whose tree cannot be installed.
-void check_names(const std::vector<std::pair<AliasMap, AliasMap>>& tables, Report* report) {
+void check_names(const Tables& tables, Report* report) {
   std::set<std::pair<std::string, std::string>> names;
   for (const auto& [models, targets] : tables) {
     for (const auto& entry : models) names.insert({"model", entry.first});
@@ -184,15 +272,7 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
     report->tested.emplace_back(names[i], values[i]);
   }
 
-  // The tables of each setting, as a provisioning run loads them.
-  std::vector<std::pair<AliasMap, AliasMap>> tables;
-  for (const Setting& setting : report->settings) {
-    write_properties(options, setting, "");
-    ModelAliasMap.clear();
-    TargetAliasMap.clear();
-    create_map_from_config();
-    tables.emplace_back(ModelAliasMap, TargetAliasMap);
-  }
+  const auto tables = load_tables(options, report->settings);
   check_aliases(tables, report);
   check_names(tables, report);
 
@@ -201,34 +281,26 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
     products.insert(options.products->begin(), options.products->end());
   } else {
     products.insert("");
-    for (const auto& [models, targets] : tables) {
-      for (const AliasMap* table : {&models, &targets}) {
-        for (const auto& [key, alias] : *table) products.insert({key, alias});
-      }
-    }
-    const std::string dir = fs::path(kModelTreePrefix).parent_path();
-    for (const auto& entry : list_dir(dir)) {
-      const std::string& name = entry.first;
-      if (name.rfind("odm_", 0) == 0 && is_directory(dir + "/" + name)) products.insert(name.substr(4));
-    }
+    add_products(tables, &products);
   }
-  for (auto it = products.begin(); it != products.end();) {
-    if (it->size() >= PROP_VALUE_MAX) {
-      it = products.erase(it);  // a property read cannot give it; its alias is reported
-      continue;
-    }
-    if (it->find('/') != std::string::npos || it->find("..") != std::string::npos) {
-      add_finding(report, "path-product", false, "product text " + shown(*it),
-                  "holds \"/\" or \"..\": the paths built from it leave odm_" + *it,
-                  "use product texts that are plain names");
-    }
-    ++it;
+  // The old release's tables, and product texts of its own, which its devices
+  // may well carry.
+  const bool update = !options.update_from.empty();
+  Tables old_tables;
+  if (update) {
+    use_release(true);
+    prepare_odm(options, false);
+    old_tables = load_tables(options, report->settings);
+    if (!options.products) add_products(old_tables, &products);
+    use_release(false);
+    prepare_odm(options, !options.installed.empty());
   }
+  erase_unreadable(&products, report);
   report->product_count = products.size();
 
-  // answers[p][s]: (preliminary, final, why) of product p under setting s.
-  using Answer = std::tuple<std::string, std::string, std::string>;
+  // answers[p][s]: the answer for product p under setting s.
   std::vector<std::vector<Answer>> answers(products.size());
+  const std::vector<std::string> stamps = stamps_of(products);
   // The model list does not depend on the properties, so its answers for the
   // reasons are asked again only when a setting gives another model table.
   std::vector<std::string> model_hits;
@@ -239,40 +311,69 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
         model_hits.push_back(get_model_name(product, tables[s].first));
       }
     }
-    ModelAliasMap = tables[s].first;
-    TargetAliasMap = tables[s].second;
-    write_properties(options, report->settings[s], "");
+    use_setting(options, report->settings, tables, s);
     size_t p = 0;
     for (const std::string& product : products) {
-      put_property(kProductProperty, product);
-      const std::string preliminary = select_model_name(kProvisioningRun);
-      const std::string final_model = confirm_model_source(preliminary, kProvisioningRun);
-      const std::string why = reason(product, get_model_name(product, TargetAliasMap),
-                                     model_hits[p], preliminary, final_model);
-      answers[p++].emplace_back(preliminary, final_model, why);
+      Answer a = answer(product);
+      a.stamp = stamps[p];
+      a.why = reason(product, get_model_name(product, TargetAliasMap), model_hits[p], a.preliminary,
+                     a.final_model);
+      answers[p++].push_back(a);
     }
+  }
+  // The old release's answers. The preliminary model depends on the tables
+  // and the product text alone, so where both releases load the same tables
+  // the old one's is the new one's, and only the trees are asked again.
+  if (update) {
+    use_release(true);
+    const std::vector<std::string> old_stamps = stamps_of(products);
+    for (size_t s = 0; s < report->settings.size(); ++s) {
+      const bool same_tables = old_tables[s] == tables[s];
+      if (!same_tables) use_setting(options, report->settings, old_tables, s);
+      size_t p = 0;
+      for (const std::string& product : products) {
+        Answer& a = answers[p][s];
+        if (same_tables) {
+          a.old_preliminary = a.preliminary;
+          a.old_final = confirm_model_source(a.preliminary, kProvisioningRun);
+        } else {
+          const Answer old = answer(product);
+          a.old_preliminary = old.preliminary;
+          a.old_final = old.final_model;
+        }
+        a.old_stamp = old_stamps[p++];
+      }
+    }
+    use_release(false);
   }
 
   // One row per answer, its product texts and settings merged.
   std::map<std::string, size_t> row_of;
   size_t p = 0;
   for (const std::string& product : products) {
-    const std::string sku = sku_stamp_path(product);
-    const std::string stamp = exists_file(sku) ? sku : kDefaultStampPath;
-    std::vector<std::pair<Answer, std::vector<size_t>>> groups;
+    std::vector<std::pair<std::string, std::vector<size_t>>> groups;
     for (size_t s = 0; s < answers[p].size(); ++s) {
-      auto it = std::find_if(groups.begin(), groups.end(),
-                             [&](const auto& g) { return g.first == answers[p][s]; });
-      if (it == groups.end()) it = groups.insert(groups.end(), {answers[p][s], {}});
+      const std::string key = answers[p][s].key();
+      auto it = std::find_if(groups.begin(), groups.end(), [&](const auto& g) { return g.first == key; });
+      if (it == groups.end()) it = groups.insert(groups.end(), {key, {}});
       it->second.push_back(s);
     }
-    for (const auto& [answer, settings] : groups) {
+    for (const auto& [key, settings] : groups) {
+      const Answer& a = answers[p][settings[0]];
       const std::string when = describe(values, report->settings, settings);
-      const auto& [preliminary, final_model, why] = answer;
-      const std::string key = when + '\0' + preliminary + '\0' + final_model + '\0' + why + '\0' + stamp;
-      auto [it, added] = row_of.emplace(key, report->rows.size());
+      auto [it, added] = row_of.emplace(when + '\0' + key, report->rows.size());
       if (added) {
-        report->rows.push_back({{}, settings, when, preliminary, final_model, why, stamp, {}});
+        Row row;
+        row.old_preliminary = a.old_preliminary;
+        row.old_final = a.old_final;
+        row.old_stamp = a.old_stamp;
+        row.settings = settings;
+        row.when = when;
+        row.preliminary = a.preliminary;
+        row.final_model = a.final_model;
+        row.why = a.why;
+        row.stamp = a.stamp;
+        report->rows.push_back(row);
       }
       report->rows[it->second].products.push_back(product);
     }

@@ -1,6 +1,5 @@
 // What each final tree installs, and what only a device start can tell: the
-// source stamps and the next start on an installed tree, by running the
-// program itself over the checker's device.
+// source stamps, by running the program itself over the checker's device.
 #include <stdio.h>
 
 #include <algorithm>
@@ -19,16 +18,6 @@ namespace fs = std::filesystem;
 namespace {
 
 const char kTreeConfig[] = "odmconfig.xml";
-
-// |texts| quoted, at most |limit| of them.
-std::string join(const std::vector<std::string>& texts, size_t limit = 6) {
-  std::string out;
-  for (size_t i = 0; i < texts.size() && i < limit; ++i) {
-    out += (i == 0 ? "" : ", ") + shown(texts[i]);
-  }
-  if (texts.size() > limit) out += " and " + std::to_string(texts.size() - limit) + " more";
-  return out;
-}
 
 // The rows whose files come from |model|'s tree.
 std::vector<const Row*> rows_installing(const Report& report, const std::string& model) {
@@ -175,34 +164,5 @@ bool examine_trees(const Options& options, Report* report) {
     }
   }
 
-  if (options.installed.empty()) return true;
-  // The next start on the installed tree, one start per row; the manifests
-  // that it leaves under other names.
-  std::map<std::string, std::vector<std::string>> leftovers;
-  for (Row& row : report->rows) {
-    prepare_odm(options, true);
-    if (!start_program(options, report->settings[row.settings[0]], row.products[0])) return false;
-    row.provisions = !stamps_were_equal();
-    for (const std::string dir : {"/odm/etc/", "/odm/etc/vintf/"}) {
-      for (const auto& entry : list_dir(dir)) {
-        const std::string& name = entry.first;
-        if (name.rfind("manifest_", 0) != 0 || fs::path(name).extension() != ".xml") continue;
-        auto& products = leftovers[dir + name];
-        products.insert(products.end(), row.products.begin(), row.products.end());
-      }
-    }
-  }
-  for (auto& [path, products] : leftovers) {
-    std::sort(products.begin(), products.end());
-    products.erase(std::unique(products.begin(), products.end()), products.end());
-    const std::string name = fs::path(path).stem();
-    add_finding(report, "leftover-manifest", false, path,
-                "stays after the next start (" +
-                    (products.size() == report->product_count ? "for every product text"
-                                                              : "for " + join(products)) +
-                    "); the platform's manifest loader prefers it to manifest.xml when "
-                    "ro.boot.product.hardware.sku=" + name.substr(9),
-                "remove it from /odm, or reflash /odm");
-  }
   return true;
 }

@@ -44,3 +44,12 @@ void add_finding(Report* report, std::string code, bool error, std::string subje
 std::string in_tree(const std::string& path) {
   return path.substr(fs::path(kModelTreePrefix).parent_path().string().size() + 1);
 }
+
+std::string join(const std::vector<std::string>& texts, size_t limit) {
+  std::string out;
+  for (size_t i = 0; i < texts.size() && i < limit; ++i) {
+    out += (i == 0 ? "" : ", ") + shown(texts[i]);
+  }
+  if (texts.size() > limit) out += " and " + std::to_string(texts.size() - limit) + " more";
+  return out;
+}

@@ -65,7 +65,7 @@ TEST(Check, Findings) {
   EXPECT_EQ(codes({kSamples + "/device"}), Codes{});
   EXPECT_EQ(codes({"--installed", faulty + "/odm", faulty}),
             (Codes{"alias-whitespace", "ambiguous-alias", "bad-property-name", "empty-version-line",
-                   "leftover-manifest", "long-alias", "long-config-value", "missing-tree",
+                   "left-behind", "long-alias", "long-config-value", "missing-tree",
                    "no-fallback", "no-setup-odm", "no-source-stamp", "no-unavailable-features",
                    "passed-over", "path-product", "property-needs-rule", "read-as", "sku-stamp",
                    "tree-config", "unreadable-property"}));

@@ -1,0 +1,201 @@
+// tarnwick-check --update-from and --installed: its findings on releases
+// with the faults they exist for, and every row against the same course run
+// by hand, start by start, through tools/run-device.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "tests/harness.h"
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+namespace {
+
+const std::string kSamples = EXAMPLES_DIR;
+const auto kCopyTree = fs::copy_options::recursive | fs::copy_options::copy_symlinks;
+
+json check(std::vector<std::string> args, int* status = nullptr) {
+  std::string out;
+  args.insert(args.begin(), {TARNWICK_CHECK, "--json"});
+  const int s = run(args, &out);
+  if (status != nullptr) *status = s;
+  return json::parse(out);
+}
+
+// The findings of |doc| with |code|, each as "subject: message".
+std::vector<std::string> findings(const json& doc, const std::string& code) {
+  std::vector<std::string> out;
+  for (const auto& f : doc["findings"]) {
+    if (f["code"] == code) out.push_back(f["subject"].get<std::string>() + ": " + f["message"].get<std::string>());
+  }
+  return out;
+}
+
+// A copy of the sample device's tree as a release that forgot its stamp:
+// sensors.conf changed, audio_effects.xml dropped, odmver.txt as it was.
+std::string forgotten_stamp(const std::string& root) {
+  fs::copy(kSamples + "/device/vendor/etc/odm", root + "/new", kCopyTree);
+  put(root + "/new/odm_RK7DS/odm/etc/sensors.conf", "accel_rate=400\n");
+  fs::remove(root + "/new/odm_RK7DS/odm/etc/audio_effects.xml");
+  return root + "/new";
+}
+
+TEST(Update, ForgottenStampAndDroppedFile) {
+  const std::string root = make_root();
+  const std::string tree = forgotten_stamp(root);
+  int status;
+  json doc = check({"--update-from", kSamples + "/device", tree}, &status);
+  EXPECT_EQ(status, 1);
+  ASSERT_EQ(findings(doc, "stamp-not-bumped").size(), 1u);
+  const std::string finding = findings(doc, "stamp-not-bumped")[0];
+  for (const char* word : {"sensors.conf", "audio_effects.xml", "odm_RK7DS", "rook, rook_eu"}) {
+    EXPECT_NE(finding.find(word), std::string::npos) << word << " in " << finding;
+  }
+
+  // A device of the sample, provisioned, then checked as installed.
+  fs::create_directories(root + "/device/vendor/etc");
+  fs::copy(kSamples + "/device/vendor/etc/odm", root + "/device/vendor/etc/odm", kCopyTree);
+  fs::copy(kSamples + "/device/boot.prop", root + "/device/boot.prop");
+  for (int i = 0; i < 2; ++i) boot(root + "/device");
+  doc = check({"--installed", root + "/device/odm", tree}, &status);
+  EXPECT_EQ(status, 1);
+  const auto drift = findings(doc, "drift"), left = findings(doc, "left-behind");
+  ASSERT_EQ(drift.size(), 1u);
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_NE(drift[0].find("in sensors.conf,"), std::string::npos) << drift[0];
+  EXPECT_EQ(left[0].rfind("audio_effects.xml: ", 0), 0u) << left[0];
+  remove_root(root);
+}
+
+TEST(Update, SampleShowsEveryFinding) {
+  int status;
+  const json doc = check({"--update-from", kSamples + "/update/old", kSamples + "/update/new"}, &status);
+  EXPECT_EQ(status, 1);
+  std::multiset<std::string> codes;
+  for (const auto& f : doc["findings"]) codes.insert(f["code"].get<std::string>());
+  EXPECT_EQ(codes, (std::multiset<std::string>{"stamp-not-bumped", "sku-stamp", "left-behind", "left-behind",
+                                               "model-changed", "restart-without-change"}));
+  ASSERT_EQ(findings(doc, "stamp-not-bumped").size(), 1u);
+  EXPECT_NE(findings(doc, "stamp-not-bumped")[0].find("odm_kestrel/odm/odmver.txt: "), std::string::npos);
+  ASSERT_EQ(findings(doc, "model-changed").size(), 1u);
+  EXPECT_NE(findings(doc, "model-changed")[0].find("odm_KT1 > odm_KT1_RU"), std::string::npos);
+  bool boot_read = false;
+  for (const auto& f : findings(doc, "left-behind")) {
+    boot_read |= f.find("reads by name at boot: manifest_kite.xml") != std::string::npos;
+  }
+  EXPECT_TRUE(boot_read);
+  EXPECT_EQ(doc["version"], 2);
+}
+
+// /odm/etc of |root|: entry -> mode and contents, or link target; a
+// directory's mode is no file's business.
+std::map<std::string, std::string> etc_of(const std::string& root) {
+  std::map<std::string, std::string> out;
+  if (!fs::exists(root + "/odm/etc")) return out;
+  for (const auto& [path, what] : snapshot(root + "/odm/etc")) {
+    out[fs::path(path).lexically_relative(root + "/odm/etc")] =
+        fs::is_directory(fs::symlink_status(path)) ? "directory" : what;
+  }
+  return out;
+}
+
+// The entries only |to| has, those both have but differ in, those only |from| has.
+json diff(const std::map<std::string, std::string>& from, const std::map<std::string, std::string>& to) {
+  std::vector<std::string> added, changed, removed;
+  for (const auto& [path, what] : to) {
+    if (from.count(path) == 0) {
+      added.push_back(path);
+    } else if (from.at(path) != what) {
+      changed.push_back(path);
+    }
+  }
+  for (const auto& entry : from) {
+    if (to.count(entry.first) == 0) removed.push_back(entry.first);
+  }
+  return {added, changed, removed};
+}
+
+// Starts of |root| until one asks for no restart; whether the first provisioned.
+bool settle(const std::string& root) {
+  bool provisioned = false;
+  for (int start = 0; start < 4; ++start) {
+    boot(root);
+    if (start == 0) provisioned = prop(root, "ro.vendor.odm.version") == "<unset>";
+    if (prop(root, "sys.powerctl").rfind("reboot", 0) != 0) break;
+  }
+  return provisioned;
+}
+
+// A device root over the vendor tree |tree|, starting with |boot_prop|.
+void lay_out(const std::string& root, const std::string& tree, const std::string& boot_prop) {
+  fs::remove_all(root + "/vendor/etc/odm");
+  fs::create_directories(root + "/vendor/etc");
+  fs::copy(tree, root + "/vendor/etc/odm", kCopyTree);
+  put(root + "/boot.prop", boot_prop);
+}
+
+// Every row, each of its product texts under its first setting and its first
+// product text under each of its settings: a device of |old_tree| that takes
+// |tree|, and a new device of |tree|, start by start.
+void agree_by_hand(const std::string& old_tree, const std::string& tree) {
+  const json doc = check({"--update-from", old_tree, tree});
+  ASSERT_FALSE(doc["rows"].empty());
+  const std::string root = make_root();
+  for (const auto& row : doc["rows"]) {
+    for (const std::string product : row["products"]) {
+      if (product.find_first_of(" \t") == 0) continue;  // boot.prop would trim it
+      for (size_t s : row["settings"]) {
+        if (product != row["products"][0] && s != row["settings"][0]) continue;
+        std::string boot_prop = "ro.vendor.product=" + product + "\n";
+        for (const auto& [name, value] : doc["settings"][s].items()) {
+          if (!value.is_null()) boot_prop += name + "=" + value.get<std::string>() + "\n";
+        }
+        SCOPED_TRACE(boot_prop);
+        fs::remove_all(root + "/updated");
+        lay_out(root + "/updated", old_tree, boot_prop);
+        settle(root + "/updated");
+        const auto before = etc_of(root + "/updated");
+        lay_out(root + "/updated", tree, boot_prop);
+        const bool provisions = settle(root + "/updated");
+        fs::remove_all(root + "/fresh");
+        lay_out(root + "/fresh", tree, boot_prop);
+        settle(root + "/fresh");
+        const json& update = row["update"];
+        EXPECT_EQ(update["provisions"], provisions);
+        EXPECT_EQ(json({update["adds"], update["changes"], update["removes"]}),
+                  diff(before, etc_of(root + "/updated")));
+        const json& against = update["against_new_device"];
+        EXPECT_EQ(json({against["lacks"], against["differs"], against["keeps"]}),
+                  diff(etc_of(root + "/updated"), etc_of(root + "/fresh")));
+        EXPECT_EQ(get(root + "/updated/odm/odmver.txt"), update["version_line_after"]);
+      }
+    }
+  }
+  remove_root(root);
+}
+
+TEST(Update, EveryRowAsByHand) {
+  agree_by_hand(kSamples + "/update/old", kSamples + "/update/new");
+  const std::string root = make_root();
+  agree_by_hand(kSamples + "/device/vendor/etc/odm", forgotten_stamp(root));
+
+  // Two products whose devices start and end alike but for the stale manifest
+  // that the new run of one of them removes: "kite" loses its alias, so its
+  // run removes manifest_kite.xml, which "KT1"'s does not.
+  const std::string manifest = "/odm/etc/vintf/manifest.xml";
+  for (const std::string release : {"/old", "/new"}) {
+    put(root + release + "/odm_default/odm/odmver.txt", release);
+    put(root + release + "/odm_VX41" + manifest, "<manifest/>\n");
+  }
+  put(root + "/old/odm_default/odm/etc/odmconfig.xml", "<c><model name='KT1'><alias>kite</alias></model><setup_odm/></c>");
+  put(root + "/new/odm_default/odm/etc/odmconfig.xml", "<c><setup_odm/></c>");
+  put(root + "/old/odm_KT1" + manifest, "<manifest/>\n");
+  put(root + "/old/odm_KT1/odm/etc/manifest_kite.xml", "<manifest/>\n");
+  agree_by_hand(root + "/old", root + "/new");
+  remove_root(root);
+}
+
+}  // namespace
