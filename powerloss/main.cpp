@@ -33,7 +33,8 @@ const char kUsage[] = R"(Usage:
       in a crash state: a stamp with the new version vouches for every file
   crash-states compare ODM REFERENCE
       after the next starts: ODM equals REFERENCE
-Exit status: 0 when it holds, 1 when not, 2 on a usage or read error.
+Exit status: 0 when it holds, 1 when not, 2 on a usage or read error (a
+REFERENCE that cannot be read whole included).
 )";
 
 int usage_error(const std::string& message) {
@@ -211,6 +212,10 @@ int judge(int argc, char** argv, bool (*rule)(const std::string&, const std::str
                                                std::vector<std::string>*)) {
   if (argc != 2) return usage_error("needs ODM REFERENCE");
   std::vector<std::string> report;
+  if (!read_whole(argv[1], &report)) {
+    for (const std::string& line : report) fprintf(stderr, "crash-states: %s\n", line.c_str());
+    return 2;
+  }
   const bool holds = rule(argv[0], argv[1], &report);
   for (const std::string& line : report) printf("%s\n", line.c_str());
   return holds ? 0 : 1;

@@ -1,6 +1,8 @@
 #include "powerloss/odm_check.h"
 
+#include <errno.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -29,29 +31,41 @@ bool read_bytes(const std::string& path, std::string* bytes) {
   return !in.bad();
 }
 
-// Every entry under |root| by its path relative to it ("" for |root|).
-std::map<std::string, Node> scan(const std::string& root, bool skip_lost_found) {
+// Every entry under |root| by its path relative to it ("" for |root|). What
+// cannot be read is named in |errors|, never passed over: a tree read in
+// part must not pass for the whole.
+std::map<std::string, Node> scan(const std::string& root, bool skip_lost_found,
+                                 std::vector<std::string>* errors) {
   std::map<std::string, Node> nodes;
-  std::error_code ec;
   struct stat st;
-  if (lstat(root.c_str(), &st) != 0) return nodes;
+  if (lstat(root.c_str(), &st) != 0) {
+    errors->push_back(root + ": cannot read: " + strerror(errno));
+    return nodes;
+  }
   nodes[""].mode = st.st_mode;
-  for (auto it = std::filesystem::recursive_directory_iterator(root, ec);
-       it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+  std::error_code listing;
+  auto it = std::filesystem::recursive_directory_iterator(root, listing);
+  for (; !listing && it != std::filesystem::recursive_directory_iterator(); it.increment(listing)) {
+    std::error_code ec;
     const std::string rel = std::filesystem::relative(it->path(), root, ec).string();
     if (skip_lost_found && rel == kLostFound) {
       it.disable_recursion_pending();
       continue;
     }
     Node& node = nodes[rel];
-    if (lstat(it->path().c_str(), &st) != 0) continue;
+    if (lstat(it->path().c_str(), &st) != 0) {
+      errors->push_back(it->path().string() + ": cannot read: " + strerror(errno));
+      continue;
+    }
     node.mode = st.st_mode;
     if (S_ISREG(st.st_mode)) {
-      read_bytes(it->path(), &node.content);
+      if (!read_bytes(it->path(), &node.content)) errors->push_back(it->path().string() + ": cannot read its bytes");
     } else if (S_ISLNK(st.st_mode)) {
       node.content = std::filesystem::read_symlink(it->path(), ec).string();
+      if (ec) errors->push_back(it->path().string() + ": cannot read the link: " + ec.message());
     }
   }
+  if (listing) errors->push_back(root + ": cannot list it to the end: " + listing.message());
   return nodes;
 }
 
@@ -138,9 +152,11 @@ bool check_stamp(const std::string& odm, const std::string& reference,
   }
   if (!vouches) return true;
 
-  const std::map<std::string, Node> got = scan(odm, true);
+  std::vector<std::string> errors;
+  const std::map<std::string, Node> got = scan(odm, true, &errors);
   size_t count = 0;
-  for (const auto& [path, node] : scan(reference, false)) {
+  for (const std::string& error : errors) add(report, &count, error);
+  for (const auto& [path, node] : scan(reference, false, &errors)) {
     if (!S_ISREG(node.mode) || path == kStamp) continue;
     auto it = got.find(path);
     const std::string diff = difference(label(path), it == got.end() ? nullptr : &it->second, node);
@@ -152,9 +168,12 @@ bool check_stamp(const std::string& odm, const std::string& reference,
 
 bool compare_odm(const std::string& odm, const std::string& reference,
                  std::vector<std::string>* report) {
-  const std::map<std::string, Node> want = scan(reference, false);
-  const std::map<std::string, Node> got = scan(odm, want.count(kLostFound) == 0);
+  std::vector<std::string> errors;
+  const std::map<std::string, Node> want = scan(reference, false, &errors);
+  errors.clear();  // read_whole answers for the reference
+  const std::map<std::string, Node> got = scan(odm, want.count(kLostFound) == 0, &errors);
   size_t count = 0;
+  for (const std::string& error : errors) add(report, &count, error);
   for (const auto& [path, node] : want) {
     auto it = got.find(path);
     const std::string diff = difference(label(path), it == got.end() ? nullptr : &it->second, node);
@@ -165,4 +184,11 @@ bool compare_odm(const std::string& odm, const std::string& reference,
   }
   if (count > kMaxDifferences) report->push_back("and " + std::to_string(count - kMaxDifferences) + " more");
   return count == 0;
+}
+
+bool read_whole(const std::string& root, std::vector<std::string>* report) {
+  std::vector<std::string> errors;
+  scan(root, false, &errors);
+  report->insert(report->end(), errors.begin(), errors.end());
+  return errors.empty();
 }

@@ -169,4 +169,15 @@ TEST_F(Powerloss, StampVouchesAndOdmConverges) {
   EXPECT_EQ(report, (Strings{"/odm/etc/a.xml: mode 600, not 644"}));
 }
 
+// A tree that cannot be read is never taken for an empty one.
+TEST_F(Powerloss, UnreadableTreeIsAnError) {
+  put("ref/odmver.txt", "v2");
+  Strings report;
+  EXPECT_TRUE(read_whole(dir_ + "/ref", &report));
+  EXPECT_FALSE(read_whole(dir_ + "/gone", &report));
+  EXPECT_EQ(report.size(), 1u);
+  // Read as empty, two missing trees would be equal.
+  EXPECT_FALSE(compare_odm(dir_ + "/gone", dir_ + "/gone-too", &report));
+}
+
 }  // namespace
