@@ -47,7 +47,7 @@ Options:
   -h, --help         show this text
 
 Exit status: 0 without errors, 1 with errors (or warnings under --strict),
-2 on a usage error or an unreadable directory.
+2 on a usage error, an unreadable directory or a start that could not run.
 )";
 
 bool readable_dir(const std::string& path) {
