@@ -325,39 +325,43 @@ const char* advice(const std::string& code, const std::string& subject) {
   return "make sure these devices are to get the other tree";
 }
 
+// Devices of the release at /vendor/etc/odm fresh from the factory, one for
+// each distinct key of the rows' final trees (|old|: of their old ones, the
+// old release being in place); |keys| gets each row's. False when a start
+// could not run.
+bool fresh_devices(const Options& options, const Report& report, bool old,
+                   std::vector<std::string>* keys, std::map<std::string, Device>* devices,
+                   size_t* saved) {
+  Sides sides;
+  for (const Row& row : report.rows) {
+    keys->push_back(old ? side_key(&sides, row.old_final, row.old_stamp)
+                        : side_key(&sides, row.final_model, row.stamp));
+    if (devices->count(keys->back()) != 0) continue;
+    prepare_odm(options, false);
+    if (!settle(options, report.settings[row.settings[0]], row.products[0], (*saved)++,
+                &(*devices)[keys->back()])) {
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 bool examine_courses(const Options& options, Report* report) {
   const bool update = !options.update_from.empty(), installed = !options.installed.empty();
   if (!update && !installed) return true;
-  Sides old_sides, new_sides;
   std::map<std::string, Device> old_factory, new_factory, updated, from_installed;
   std::vector<std::string> old_keys, new_keys;  // per row
   size_t saved = 0;
-  const auto setting_of = [&](const Row& row) -> const Setting& { return report->settings[row.settings[0]]; };
 
-  // Devices of the old release fresh from the factory, one per distinct key.
   if (update) {
     use_release(true);
-    for (const Row& row : report->rows) {
-      old_keys.push_back(side_key(&old_sides, row.old_final, row.old_stamp));
-      if (old_factory.count(old_keys.back()) != 0) continue;
-      prepare_odm(options, false);
-      if (!settle(options, setting_of(row), row.products[0], saved++, &old_factory[old_keys.back()])) {
-        return false;
-      }
-    }
+    const bool made = fresh_devices(options, *report, true, &old_keys, &old_factory, &saved);
     use_release(false);
+    if (!made) return false;
   }
-  // Devices of this release fresh from the factory.
-  for (const Row& row : report->rows) {
-    new_keys.push_back(side_key(&new_sides, row.final_model, row.stamp));
-    if (new_factory.count(new_keys.back()) != 0) continue;
-    prepare_odm(options, false);
-    if (!settle(options, setting_of(row), row.products[0], saved++, &new_factory[new_keys.back()])) {
-      return false;
-    }
-  }
+  if (!fresh_devices(options, *report, false, &new_keys, &new_factory, &saved)) return false;
   Device installed_device;
   if (installed) {
     installed_device.odm = read_state(host(kCheckInstalled));
@@ -376,7 +380,9 @@ bool examine_courses(const Options& options, Report* report) {
       if (it != devices->end()) return &it->second;
       Device& after = (*devices)[full];
       restore_odm(before.saved);
-      return settle(options, setting_of(row), row.products[0], saved++, &after) ? &after : nullptr;
+      return settle(options, report->settings[row.settings[0]], row.products[0], saved++, &after)
+                 ? &after
+                 : nullptr;
     };
     if (update) {
       const Device& before = old_factory[old_keys[r]];
