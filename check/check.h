@@ -112,6 +112,8 @@ std::string in_tree(const std::string& path);
 // |text| as it is when it is a plain name, else in quotes with bytes other
 // than printable ASCII escaped.
 std::string shown(const std::string& text);
+// |texts| as they are, one after another, set off by ", ".
+std::string comma_list(const std::vector<std::string>& texts);
 // |texts| shown, at most |limit| of them, and how many more.
 std::string join(const std::vector<std::string>& texts, size_t limit = 6);
 

@@ -39,8 +39,17 @@ struct Device {
   OdmState odm;
   std::string properties;  // what its last start published, name=value lines
   std::string saved;       // host directory holding a copy of its /odm
+  std::string stamp;       // the bytes of its /odm/odmver.txt
   bool provisions = false;
 };
+
+// The bytes of host file |path|, or nothing when it cannot be read.
+std::string bytes_of(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  return bytes.str();
+}
 
 // Adds to |out| what a start can read of the device directory |dir|: every
 // entry below it with its type as a listing gives it, its mode, its link
@@ -91,10 +100,7 @@ OdmState read_state(const std::string& dir) {
     if (status.type() == fs::file_type::symlink) {
       what += fs::read_symlink(path, ec).string();
     } else if (status.type() == fs::file_type::regular) {
-      std::ifstream in(path, std::ios::binary);
-      std::ostringstream bytes;
-      bytes << in.rdbuf();
-      what += bytes.str();
+      what += bytes_of(path);
     }
     state[path.lexically_relative(dir).string()] = what;
   }
@@ -107,10 +113,7 @@ std::string published(const std::map<std::string, std::string>& boot) {
   std::map<std::string, std::string> store;
   std::error_code ec;
   for (const auto& entry : fs::directory_iterator(host(tarnwick_host::kPropertyDir), ec)) {
-    std::ifstream in(entry.path(), std::ios::binary);
-    std::ostringstream value;
-    value << in.rdbuf();
-    store[entry.path().filename()] = value.str();
+    store[entry.path().filename()] = bytes_of(entry.path());
   }
   std::string text;
   for (const auto& [name, value] : store) {
@@ -130,6 +133,7 @@ bool settle(const Options& options, const Setting& setting, const std::string& p
     if (!restart_requested()) break;
   }
   device->odm = read_state(host("/odm"));
+  device->stamp = bytes_of(host(kInstalledStampPath));
   device->properties = published(boot_properties(options, setting, product));
   device->saved = host(kSaved + std::to_string(number));
   save_odm(device->saved);
@@ -155,12 +159,6 @@ OdmDiff diff(const OdmState& from, const OdmState& to) {
   return d;
 }
 
-// The installed version line of |state|: the stamp's bytes, or nothing.
-std::string line_of(const OdmState& state) {
-  const auto it = state.find(fs::path(kInstalledStampPath).relative_path().lexically_relative("odm"));
-  return it == state.end() ? "" : it->second.substr(it->second.find(' ', it->second.find(' ') + 1) + 1);
-}
-
 // The course of a device that held |before| and settled as |after|, against
 // the factory device |fresh|.
 Course course(const Device& before, const Device& after, const Device& fresh) {
@@ -169,8 +167,8 @@ Course course(const Device& before, const Device& after, const Device& fresh) {
   c.change = diff(before.odm, after.odm);
   c.from_factory = diff(after.odm, fresh.odm);
   c.properties_differ = after.properties != fresh.properties;
-  c.line_before = line_of(before.odm);
-  c.line_after = line_of(after.odm);
+  c.line_before = before.stamp;
+  c.line_after = after.stamp;
   return c;
 }
 
@@ -232,9 +230,7 @@ std::string read_at_boot(const std::vector<std::string>& files) {
       named.push_back(file);
     }
   }
-  std::string text;
-  for (const auto& n : named) text += (text.empty() ? "" : ", ") + n;
-  return text.empty() ? "" : "; the platform reads by name at boot: " + text;
+  return named.empty() ? "" : "; the platform reads by name at boot: " + comma_list(named);
 }
 
 // One finding per distinct subject and message, the product texts and the
@@ -256,23 +252,17 @@ std::vector<std::string> unique(std::vector<std::string> texts) {
   return texts;
 }
 
-std::string files_text(const std::vector<std::string>& files) {
-  std::string text;
-  for (const auto& f : files) text += (text.empty() ? "" : ", ") + f;
-  return text;
-}
-
 // The findings of the update courses.
 void judge_update(const Row& row, Gathered* out) {
   const Course& c = *row.update;
   if (!c.provisions && !c.from_factory.empty()) {
     out->add("stamp-not-bumped", true, in_tree(row.stamp),
              "keeps the version line " + shown(c.line_after) + " while the files of {trees} change (" +
-                 files_text(all(c.from_factory)) + "): their devices keep the old ones",
+                 comma_list(all(c.from_factory)) + "): their devices keep the old ones",
              row);
   }
   if (!c.from_factory.removed.empty()) {
-    out->add("left-behind", false, files_text(c.from_factory.removed),
+    out->add("left-behind", false, comma_list(c.from_factory.removed),
              "devices of {trees} updated from the old release keep it, and new devices lack it" +
                  read_at_boot(c.from_factory.removed),
              row);
@@ -298,12 +288,12 @@ void judge_installed(const Options& options, const Row& row, Gathered* out) {
   std::sort(drifted.begin(), drifted.end());
   if (!drifted.empty()) {
     out->add("drift", true, options.installed,
-             "differs from what {trees} installs in " + files_text(drifted) +
+             "differs from what {trees} installs in " + comma_list(drifted) +
                  ", under the installed stamp " + shown(c.line_after) + ": no start mends it",
              row);
   }
   if (!c.from_factory.removed.empty()) {
-    out->add("left-behind", false, files_text(c.from_factory.removed),
+    out->add("left-behind", false, comma_list(c.from_factory.removed),
              "stays in " + options.installed + " after its starts, and new devices of {trees} lack it" +
                  read_at_boot(c.from_factory.removed),
              row);
@@ -366,6 +356,7 @@ bool examine_courses(const Options& options, Report* report) {
   if (installed) {
     installed_device.odm = read_state(host(kCheckInstalled));
     installed_device.saved = host(kCheckInstalled);
+    installed_device.stamp = bytes_of(host(kCheckInstalled) / fs::path(kInstalledStampPath).filename());
   }
   Gathered gathered;
   for (size_t r = 0; r < report->rows.size(); ++r) {

@@ -10,12 +10,6 @@ namespace {
 
 const size_t kWidth = 100;
 
-std::string list(const std::vector<std::string>& texts) {
-  std::string out;
-  for (const auto& t : texts) out += (out.empty() ? "" : ", ") + t;
-  return out;
-}
-
 // Prints |label| and |text|, the text wrapped after ", " to the report's width
 // and each further line indented under the first.
 void wrapped(const std::string& indent, const std::string& label, const std::string& text) {
@@ -38,7 +32,7 @@ void wrapped(const std::string& indent, const std::string& label, const std::str
 std::string products_of(const Row& row) {
   std::vector<std::string> texts;
   for (const auto& p : row.products) texts.push_back(shown(p));
-  return list(texts);
+  return comma_list(texts);
 }
 
 size_t count(const Report& report, bool errors) {
@@ -73,14 +67,14 @@ void print_courses(const Report& report, bool update) {
         {"adds       ", &c.change.added}, {"changes    ", &c.change.changed},
         {"removes    ", &c.change.removed}};
     for (const auto& [label, files] : lines) {
-      if (!files->empty()) wrapped("      ", label, list(*files));
+      if (!files->empty()) wrapped("      ", label, comma_list(*files));
     }
     std::string unlike;
     const std::pair<const char*, const std::vector<std::string>*> against[] = {
         {"lacks ", &c.from_factory.added}, {"differs in ", &c.from_factory.changed},
         {"keeps ", &c.from_factory.removed}};
     for (const auto& [label, files] : against) {
-      if (!files->empty()) unlike += (unlike.empty() ? "" : "; ") + (label + list(*files));
+      if (!files->empty()) unlike += (unlike.empty() ? "" : "; ") + (label + comma_list(*files));
     }
     if (c.properties_differ) unlike += (unlike.empty() ? "" : "; ") + std::string("publishes other properties");
     if (!unlike.empty()) wrapped("      ", "unlike a new device: ", unlike);
@@ -96,7 +90,7 @@ void print_text(const Options& options, const Report& report) {
   for (const auto& [name, values] : report.tested) {
     std::vector<std::string> texts;
     for (const auto& v : values) texts.push_back(v ? shown(*v) : "(unset)");
-    tested += (tested.empty() ? "" : "; ") + name + ": " + list(texts);
+    tested += (tested.empty() ? "" : "; ") + name + ": " + comma_list(texts);
   }
   wrapped("  ", "tested         ", tested.empty() ? "no property" : tested);
   for (const Stamp& stamp : report.stamps) {
@@ -146,12 +140,12 @@ void print_text(const Options& options, const Report& report) {
   printf("\nTrees installed\n");
   for (const Tree& tree : report.trees) {
     printf("  odm_%s\n", tree.model.c_str());
-    wrapped("    ", "installs   ", list(tree.installs));
+    wrapped("    ", "installs   ", comma_list(tree.installs));
     std::vector<std::string> out;
     for (const auto& [name, what] : tree.left_out) out.push_back(name + " (" + what + ")");
-    if (!out.empty()) wrapped("    ", "leaves out ", list(out));
+    if (!out.empty()) wrapped("    ", "leaves out ", comma_list(out));
     for (const auto& [model, paths] : tree.removes) {
-      wrapped("    ", "removes    ", "for " + shown(model) + ": " + list(paths));
+      wrapped("    ", "removes    ", "for " + shown(model) + ": " + comma_list(paths));
     }
   }
 

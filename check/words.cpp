@@ -53,3 +53,9 @@ std::string join(const std::vector<std::string>& texts, size_t limit) {
   if (texts.size() > limit) out += " and " + std::to_string(texts.size() - limit) + " more";
   return out;
 }
+
+std::string comma_list(const std::vector<std::string>& texts) {
+  std::string out;
+  for (const auto& t : texts) out += (out.empty() ? "" : ", ") + t;
+  return out;
+}
