@@ -58,6 +58,9 @@ struct Course {
   OdmDiff from_factory;       // from its /odm after the starts to the factory device's
   bool properties_differ = false;  // the two devices publish different properties
   std::string line_before, line_after;  // its installed version line before and after
+  // The tree its files come from before and after its starts (empty: not
+  // known, or none installed), and the factory device's.
+  std::string model_before, model_after, new_model;
 };
 
 // Product texts and settings that give the same answer.
@@ -166,6 +169,8 @@ std::map<std::string, std::set<std::string>> scan_config(const std::string& labe
 // The policy type of a property that a vendor service reads as empty on a
 // device, or null; |never| tells whether no rule can change that.
 const char* unreadable_type(const std::string& name, bool* never);
+// |subset| of the report's settings in words, as the resolution table shows them.
+std::string settings_in_words(const Report& report, const std::vector<size_t>& subset);
 // The resolution table, and the findings about aliases and model names; with
 // --update-from each row also has one answer of the old release. False when
 // the tested properties have too many settings to show.

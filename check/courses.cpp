@@ -13,10 +13,12 @@
 #include <sstream>
 
 #include "check/check.h"
+#include "tarnwick/config/config.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/paths.h"
 #include "tarnwick/platform/host_cutils.h"
 #include "tarnwick/provision/provision.h"
+#include "tarnwick/state.h"
 
 namespace fs = std::filesystem;
 
@@ -26,6 +28,11 @@ namespace {
 const char kSaved[] = "/tarnwick-check/saved/";
 // A device that still asks for a restart after this many starts never settles.
 const int kMaxStarts = 4;
+// The property the restart decision reads, and those a start writes: a value
+// a setting gives one of them changes what the start does.
+const char kHwconfigProperty[] = "ro.vendor.hwconfig.completed";
+const char* const kWrittenProperties[] = {"ro.vendor.odm_restart", "ro.vendor.odm.version",
+                                          "sys.powerctl"};
 // How deep links to directories are followed in a tree.
 const int kMaxDepth = 8;
 
@@ -34,14 +41,6 @@ const int kMaxDepth = 8;
 // /odm's come from wherever it was copied, and the program only makes
 // directories that are missing.
 using OdmState = std::map<std::string, std::string>;
-
-struct Device {
-  OdmState odm;
-  std::string properties;  // what its last start published, name=value lines
-  std::string saved;       // host directory holding a copy of its /odm
-  std::string stamp;       // the bytes of its /odm/odmver.txt
-  bool provisions = false;
-};
 
 // The bytes of host file |path|, or nothing when it cannot be read.
 std::string bytes_of(const std::string& path) {
@@ -86,9 +85,11 @@ size_t intern(std::map<std::string, size_t>* numbers, const std::string& text) {
   return numbers->emplace(text, numbers->size()).first->second;
 }
 
-// The host tree |dir|, entry by entry.
-OdmState read_state(const std::string& dir) {
+// The host tree |dir|, entry by entry; |identity| gets it whole, with the
+// modes of its directories, which decide what an unprivileged start may write.
+OdmState read_state(const std::string& dir, std::string* identity) {
   OdmState state;
+  std::map<std::string, int> dir_modes;
   std::error_code ec;
   for (auto it = fs::recursive_directory_iterator(dir, ec); it != fs::recursive_directory_iterator();
        it.increment(ec)) {
@@ -102,7 +103,13 @@ OdmState read_state(const std::string& dir) {
     } else if (status.type() == fs::file_type::regular) {
       what += bytes_of(path);
     }
-    state[path.lexically_relative(dir).string()] = what;
+    const std::string name = path.lexically_relative(dir).string();
+    if (directory) dir_modes[name] = static_cast<int>(status.permissions());
+    state[name] = what;
+  }
+  for (const auto& [name, what] : state) {
+    *identity += name + '\0' + std::to_string(what.size()) + '\0' + what +
+                 std::to_string(dir_modes.count(name) != 0 ? dir_modes[name] : -1) + '\n';
   }
   return state;
 }
@@ -121,23 +128,6 @@ std::string published(const std::map<std::string, std::string>& boot) {
     if (it == boot.end() || it->second != value) text += name + "=" + value + "\n";
   }
   return text;
-}
-
-// Starts with |setting| and |product| until one asks for no restart; the
-// device's /odm then, saved under |number|. False when a start could not run.
-bool settle(const Options& options, const Setting& setting, const std::string& product,
-            size_t number, Device* device) {
-  for (int start = 0; start < kMaxStarts; ++start) {
-    if (!start_program(options, setting, product)) return false;
-    if (start == 0) device->provisions = !stamps_were_equal();
-    if (!restart_requested()) break;
-  }
-  device->odm = read_state(host("/odm"));
-  device->stamp = bytes_of(host(kInstalledStampPath));
-  device->properties = published(boot_properties(options, setting, product));
-  device->saved = host(kSaved + std::to_string(number));
-  save_odm(device->saved);
-  return true;
 }
 
 // What it takes to go from |from| to |to|, within /odm/etc.
@@ -159,21 +149,14 @@ OdmDiff diff(const OdmState& from, const OdmState& to) {
   return d;
 }
 
-// The course of a device that held |before| and settled as |after|, against
-// the factory device |fresh|.
-Course course(const Device& before, const Device& after, const Device& fresh) {
-  Course c;
-  c.provisions = after.provisions;
-  c.change = diff(before.odm, after.odm);
-  c.from_factory = diff(after.odm, fresh.odm);
-  c.properties_differ = after.properties != fresh.properties;
-  c.line_before = before.stamp;
-  c.line_after = after.stamp;
-  return c;
-}
-
-// The stale manifests a provisioning run with |preliminary| would find in |state|.
+// The stale manifests a provisioning run with |preliminary| would find in
+// |state|; behind a link to a directory the model itself stands for them.
 std::string stale_hits(const std::string& preliminary, const OdmState& state) {
+  const std::string link = std::to_string(static_cast<int>(fs::file_type::symlink)) + " ";
+  for (const char* dir : {"etc", "etc/vintf"}) {
+    const auto it = state.find(dir);
+    if (it != state.end() && it->second.rfind(link, 0) == 0) return "model " + preliminary;
+  }
   std::string hits;
   for (const std::string& path : stale_manifest_paths(preliminary)) {
     const std::string name = fs::path(path).relative_path().lexically_relative("odm");
@@ -182,30 +165,262 @@ std::string stale_hits(const std::string& preliminary, const OdmState& state) {
   return hits;
 }
 
-// The fingerprints of one release's trees, numbered.
-struct Sides {
-  std::map<std::string, size_t> numbers;   // interned texts
-  std::map<std::string, size_t> tree_keys;  // final model -> number of its fingerprint
+// One device start, known by what it reads: the /odm it starts from, the
+// source stamp, the configuration's answer (the preliminary model) through
+// the stale manifests it finds and the tree of the final model, and the
+// restart decision's inputs. Starts that read alike end alike.
+struct Step {
+  size_t next = 0;         // the state it leaves /odm in
+  std::string published;   // what it published
+  bool restarts = false, provisioned = false;
 };
 
-// What sets a device of the release at /vendor/etc/odm apart: what the final
-// tree |model| reads as, and the bytes of the source stamp |stamp|. Model
-// names themselves make no difference to what a start leaves in /odm/etc but
-// through the stale manifests it removes, which the caller adds.
-std::string side_key(Sides* sides, const std::string& model, const std::string& stamp) {
-  auto it = sides->tree_keys.find(model);
-  if (it == sides->tree_keys.end()) {
-    std::string print;
-    fingerprint(kModelTreePrefix + model + "/odm/etc", kMaxDepth, &print);
-    it = sides->tree_keys.emplace(model, intern(&sides->numbers, print)).first;
+// A device after its starts: until one asks for no restart, or kMaxStarts.
+struct Settled {
+  size_t state = 0;
+  std::string published;
+  bool provisions = false;  // its first start provisioned
+  std::string model;        // the final model of its last provisioning, or empty
+};
+
+// Every /odm the devices of the courses held (their states, saved by number
+// under kSaved), every start run, and what they were asked in-process.
+struct Devices {
+  const Options& options;
+  const Report& report;
+  bool old = false;          // the release at /vendor/etc/odm
+  bool has_default = false;  // whether it ships a default configuration
+  size_t held = SIZE_MAX;    // the state /odm holds, if any
+  std::vector<OdmState> states{};
+  std::vector<std::string> lines{};  // each state's installed version line
+  std::map<std::string, size_t> ids{}, numbers{};
+  std::map<std::string, Step> steps{};
+  std::map<std::string, Settled> settled{};
+  std::map<std::string, std::string> answers{};  // configuration, setting, product -> preliminary
+  std::map<std::string, std::pair<AliasMap, AliasMap>> tables{};  // configuration, setting
+  std::map<std::string, std::string> texts{};  // other answers, each by a key of its own
+};
+
+std::string key_of(std::initializer_list<std::string> parts) {
+  std::string key;
+  for (const std::string& part : parts) key += part + '\0';
+  return key;
+}
+
+void use_release_of(Devices* d, bool old) {
+  use_release(old);
+  d->old = old;
+  d->has_default = exists_file(kDefaultConfigPath);
+}
+
+// The state /odm holds now, numbered, saved when new.
+size_t note_state(Devices* d) {
+  std::string identity;
+  OdmState state = read_state(host("/odm"), &identity);
+  const auto [it, added] = d->ids.emplace(identity, d->states.size());
+  if (added) {
+    d->states.push_back(std::move(state));
+    std::string line;
+    if (UniqueFile stamp = open_file(kInstalledStampPath, "r")) {
+      for (std::string read; read_line(stamp.get(), &read);) line = read;
+    }
+    d->lines.push_back(line);
+    save_odm(host(kSaved + std::to_string(it->second)));
   }
+  d->held = it->second;
+  return it->second;
+}
+
+void hold(Devices* d, size_t state) {
+  if (d->held == state) return;
+  restore_odm(host(kSaved + std::to_string(state)));
+  d->held = state;
+}
+
+// The configuration /odm holds, by its bytes as a start reads them.
+std::string own_config(Devices* d) {
   std::string bytes = "<none>";
-  if (UniqueFile file = open_file(stamp, "r")) {
+  if (UniqueFile file = open_file(kConfigPath, "r")) {
     std::ostringstream text;
     for (int c; (c = getc(file.get())) != EOF;) text.put(static_cast<char>(c));
     bytes = "=" + text.str();
   }
-  return std::to_string(it->second) + ":" + std::to_string(intern(&sides->numbers, bytes));
+  return "own " + std::to_string(intern(&d->numbers, bytes));
+}
+
+// The configuration a provisioning run over |state| reads: the release's
+// default, which it installs first when there is one, else what the device holds.
+std::string config_of(Devices* d, size_t state) {
+  if (d->has_default) return d->old ? "old default" : "default";
+  std::string& config = d->texts[key_of({"config", std::to_string(d->old), std::to_string(state)})];
+  if (config.empty()) {
+    hold(d, state);
+    config = own_config(d);
+  }
+  return config;
+}
+
+// The preliminary model of |product| under setting |s| and configuration
+// |config| (of |state|), by the program's loader and selection.
+const std::string& preliminary(Devices* d, const std::string& config, size_t state, size_t s,
+                               const std::string& product) {
+  const std::string setting = std::to_string(s);
+  const auto [answer, added] = d->answers.emplace(key_of({config, setting, product}), "");
+  if (!added) return answer->second;
+  const auto [loaded, load] = d->tables.emplace(key_of({config, setting}), std::pair<AliasMap, AliasMap>());
+  auto& tables = loaded->second;
+  write_properties(d->options, d->report.settings[s], product);
+  if (load) {
+    if (d->has_default) {
+      fs::create_directories(host("/odm/etc"));
+      copy_file(kDefaultConfigPath, kConfigPath);
+      d->held = SIZE_MAX;
+    } else {
+      hold(d, state);
+    }
+    ModelAliasMap.clear();
+    TargetAliasMap.clear();
+    create_map_from_config();
+    tables = {ModelAliasMap, TargetAliasMap};
+  }
+  ModelAliasMap = tables.first;
+  TargetAliasMap = tables.second;
+  return answer->second = select_model_name(kProvisioningRun);
+}
+
+// The final model for |model| in the release in place, and the number of what
+// its tree reads as.
+std::pair<std::string, std::string> final_tree(Devices* d, const std::string& model) {
+  std::string& final_model = d->texts[key_of({"final", std::to_string(d->old), model})];
+  if (final_model.empty()) final_model = confirm_model_source(model, kProvisioningRun);
+  std::string& tree = d->texts[key_of({"tree", std::to_string(d->old), final_model})];
+  if (tree.empty()) {
+    std::string print;
+    fingerprint(kModelTreePrefix + final_model + "/odm/etc", kMaxDepth, &print);
+    tree = std::to_string(intern(&d->numbers, print));
+  }
+  return {final_model, tree};
+}
+
+// The source stamp a start of |product| reads, by its bytes.
+const std::string& source_stamp(Devices* d, const std::string& product) {
+  std::string& number = d->texts[key_of({"stamp", std::to_string(d->old), product})];
+  if (!number.empty()) return number;
+  const std::string sku = sku_stamp_path(product);
+  std::string bytes = "<none>";
+  if (UniqueFile file = open_file(exists_file(sku) ? sku : kDefaultStampPath, "r")) {
+    std::ostringstream text;
+    for (int c; (c = getc(file.get())) != EOF;) text.put(static_cast<char>(c));
+    bytes = "=" + text.str();
+  }
+  return number = std::to_string(intern(&d->numbers, bytes));
+}
+
+// Whether /odm/fbe.ini of |state| reads as "file", which skips the restart
+// while the hardware configuration is not complete.
+bool file_encryption(Devices* d, size_t state) {
+  if (d->states[state].count("fbe.ini") == 0) return false;
+  std::string& mode = d->texts[key_of({"fbe", std::to_string(d->old), std::to_string(state)})];
+  if (mode.empty()) {
+    hold(d, state);
+    mode = "=" + readData("/odm/fbe.ini");
+  }
+  return mode == "=file";
+}
+
+// The inputs of |product| and setting |s| that no configuration decides: the
+// hardware configuration's emptiness, and the values of what a start writes.
+std::string pair_inputs(const Devices& d, size_t s, const std::string& product) {
+  const auto props = boot_properties(d.options, d.report.settings[s], product);
+  const auto value = [&](const char* name) {
+    const auto it = props.find(name);
+    return it == props.end() || it->second.empty() ? std::string("-") : "=" + it->second;
+  };
+  std::string inputs = value(kHwconfigProperty) == "-" ? "-" : "hw";
+  for (const char* name : kWrittenProperties) inputs += '\0' + value(name);
+  return inputs;
+}
+
+// One start of |product| under setting |s| over |state|, run unless a start
+// that reads the same has run; null when it could not run. |model| gets the
+// final model it selects when it provisions (trees alike in all else may
+// differ in name).
+const Step* step(Devices* d, size_t state, size_t s, const std::string& product,
+                 const std::string& inputs, std::string* model) {
+  const std::string& preliminary_model = preliminary(d, config_of(d, state), state, s, product);
+  const auto [final_model, tree] = final_tree(d, preliminary_model);
+  *model = final_model;
+  const bool skips = file_encryption(d, state) && inputs[0] == '-';
+  const std::string key = key_of({std::to_string(d->old), std::to_string(state),
+                                  source_stamp(d, product), stale_hits(preliminary_model, d->states[state]),
+                                  tree, skips ? "skips" : "", inputs});
+  const auto it = d->steps.find(key);
+  if (it != d->steps.end()) return &it->second;
+  hold(d, state);
+  const Setting& setting = d->report.settings[s];
+  if (!start_program(d->options, setting, product)) return nullptr;
+  Step done;
+  done.provisioned = !stamps_were_equal();
+  done.restarts = restart_requested();
+  done.published = published(boot_properties(d->options, setting, product));
+  done.next = note_state(d);
+  return &(d->steps[key] = done);
+}
+
+// A device of |product| under setting |s| that holds |state|, after its
+// starts. Its course is the same for every product text and setting that the
+// release's default configuration answers alike, and otherwise its own.
+const Settled* settle(Devices* d, size_t state, size_t s, const std::string& product) {
+  const std::string inputs = pair_inputs(*d, s, product);
+  const std::string who = d->has_default
+                              ? key_of({source_stamp(d, product),
+                                        preliminary(d, config_of(d, state), state, s, product)})
+                              : key_of({std::to_string(s), product});
+  const auto [it, added] =
+      d->settled.emplace(key_of({std::to_string(d->old), std::to_string(state), who, inputs}), Settled());
+  Settled& out = it->second;
+  if (!added) return &out;
+  for (int start = 0; start < kMaxStarts; ++start) {
+    std::string model;
+    const Step* next = step(d, state, s, product, inputs, &model);
+    if (next == nullptr) {
+      d->settled.erase(it);
+      return nullptr;
+    }
+    if (start == 0) out.provisions = next->provisioned;
+    if (next->provisioned) out.model = model;
+    out.published = next->published;
+    state = next->next;
+    if (!next->restarts) break;
+  }
+  out.state = state;
+  return &out;
+}
+
+// The course of a device that held |before| and settled as |after|, against
+// the factory device |fresh|.
+Course course(const Devices& d, size_t before, const Settled& after, const Settled& fresh) {
+  Course c;
+  c.provisions = after.provisions;
+  c.change = diff(d.states[before], d.states[after.state]);
+  c.from_factory = diff(d.states[after.state], d.states[fresh.state]);
+  c.properties_differ = after.published != fresh.published;
+  c.line_before = d.lines[before];
+  c.line_after = d.lines[after.state];
+  c.model_after = after.model;
+  c.new_model = fresh.model;
+  return c;
+}
+
+// Everything a row shows of |c|, so that rows part where their courses do.
+std::string course_key(const Course& c) {
+  std::string key = key_of({c.provisions ? "1" : "0", c.properties_differ ? "1" : "0", c.line_before,
+                            c.line_after, c.model_before, c.model_after, c.new_model});
+  for (const auto* files : {&c.change.added, &c.change.changed, &c.change.removed, &c.from_factory.added,
+                            &c.from_factory.changed, &c.from_factory.removed}) {
+    key += key_of({std::to_string(files->size())}) + comma_list(*files) + '\n';
+  }
+  return key;
 }
 
 std::vector<std::string> all(const OdmDiff& d) {
@@ -239,10 +454,10 @@ struct Gathered {
   struct Rows { std::vector<std::string> products, trees; };
   std::map<std::tuple<std::string, bool, std::string, std::string>, Rows> findings;
   void add(const std::string& code, bool error, const std::string& subject,
-           const std::string& message, const Row& row) {
+           const std::string& message, const Row& row, const std::string& tree) {
     Rows& rows = findings[{code, error, subject, message}];
     rows.products.insert(rows.products.end(), row.products.begin(), row.products.end());
-    rows.trees.push_back("odm_" + row.final_model);
+    rows.trees.push_back("odm_" + tree);
   }
 };
 
@@ -252,31 +467,33 @@ std::vector<std::string> unique(std::vector<std::string> texts) {
   return texts;
 }
 
-// The findings of the update courses.
+// The findings of the update courses: each from what the update changes in
+// the updated device's /odm/etc, or from how that then differs from the
+// factory device's.
 void judge_update(const Row& row, Gathered* out) {
   const Course& c = *row.update;
   if (!c.provisions && !c.from_factory.empty()) {
     out->add("stamp-not-bumped", true, in_tree(row.stamp),
              "keeps the version line " + shown(c.line_after) + " while the files of {trees} change (" +
                  comma_list(all(c.from_factory)) + "): their devices keep the old ones",
-             row);
+             row, c.new_model);
   }
   if (!c.from_factory.removed.empty()) {
     out->add("left-behind", false, comma_list(c.from_factory.removed),
              "devices of {trees} updated from the old release keep it, and new devices lack it" +
                  read_at_boot(c.from_factory.removed),
-             row);
+             row, c.new_model);
   }
-  if (c.provisions && c.change.empty() && c.from_factory.empty()) {
+  if (c.provisions && c.change.empty()) {
     out->add("restart-without-change", false, in_tree(row.stamp),
              "changes the version line from " + shown(c.line_before) + " to " + shown(c.line_after) +
                  ", but nothing in /odm/etc changes for {trees}: each of their devices restarts "
                  "once for nothing",
-             row);
+             row, c.model_after);
   }
-  if (row.old_final != row.final_model) {
-    out->add("model-changed", false, "odm_" + row.old_final + " > odm_" + row.final_model,
-             "the update moves these devices to another tree", row);
+  if (c.model_before != c.model_after) {
+    out->add("model-changed", false, "odm_" + c.model_before + " > odm_" + c.model_after,
+             "the update moves these devices to another tree", row, c.model_after);
   }
 }
 
@@ -290,13 +507,13 @@ void judge_installed(const Options& options, const Row& row, Gathered* out) {
     out->add("drift", true, options.installed,
              "differs from what {trees} installs in " + comma_list(drifted) +
                  ", under the installed stamp " + shown(c.line_after) + ": no start mends it",
-             row);
+             row, c.new_model);
   }
   if (!c.from_factory.removed.empty()) {
     out->add("left-behind", false, comma_list(c.from_factory.removed),
              "stays in " + options.installed + " after its starts, and new devices of {trees} lack it" +
                  read_at_boot(c.from_factory.removed),
-             row);
+             row, c.new_model);
   }
 }
 
@@ -315,79 +532,107 @@ const char* advice(const std::string& code, const std::string& subject) {
   return "make sure these devices are to get the other tree";
 }
 
-// Devices of the release at /vendor/etc/odm fresh from the factory, one for
-// each distinct key of the rows' final trees (|old|: of their old ones, the
-// old release being in place); |keys| gets each row's. False when a start
-// could not run.
-bool fresh_devices(const Options& options, const Report& report, bool old,
-                   std::vector<std::string>* keys, std::map<std::string, Device>* devices,
-                   size_t* saved) {
-  Sides sides;
-  for (const Row& row : report.rows) {
-    keys->push_back(old ? side_key(&sides, row.old_final, row.old_stamp)
-                        : side_key(&sides, row.final_model, row.stamp));
-    if (devices->count(keys->back()) != 0) continue;
-    prepare_odm(options, false);
-    if (!settle(options, report.settings[row.settings[0]], row.products[0], (*saved)++,
-                &(*devices)[keys->back()])) {
-      return false;
-    }
-  }
-  return true;
-}
-
 }  // namespace
 
 bool examine_courses(const Options& options, Report* report) {
   const bool update = !options.update_from.empty(), installed = !options.installed.empty();
   if (!update && !installed) return true;
-  std::map<std::string, Device> old_factory, new_factory, updated, from_installed;
-  std::vector<std::string> old_keys, new_keys;  // per row
-  size_t saved = 0;
-
-  if (update) {
-    use_release(true);
-    const bool made = fresh_devices(options, *report, true, &old_keys, &old_factory, &saved);
-    use_release(false);
-    if (!made) return false;
-  }
-  if (!fresh_devices(options, *report, false, &new_keys, &new_factory, &saved)) return false;
-  Device installed_device;
-  if (installed) {
-    installed_device.odm = read_state(host(kCheckInstalled));
-    installed_device.saved = host(kCheckInstalled);
-    installed_device.stamp = bytes_of(host(kCheckInstalled) / fs::path(kInstalledStampPath).filename());
-  }
-  Gathered gathered;
+  Devices d{options, *report};
+  // The rows' answers are those of the configuration the resolution read:
+  // the default, or what prepare_odm put in place of it.
+  const auto seed = [&](bool old) {
+    const std::string config = d.has_default ? (old ? "old default" : "default") : own_config(&d);
+    for (const Row& row : report->rows) {
+      for (const std::string& product : row.products) {
+        for (size_t s : row.settings) {
+          d.answers[key_of({config, std::to_string(s), product})] = old ? row.old_preliminary : row.preliminary;
+        }
+      }
+    }
+  };
+  // Each product text under each setting of each row: the devices of its courses.
+  struct Pair { size_t row; const std::string* product; size_t setting; const Settled *old, *fresh, *updated, *later; };
+  std::vector<Pair> pairs;
   for (size_t r = 0; r < report->rows.size(); ++r) {
-    Row& row = report->rows[r];
-    const Device& fresh = new_factory[new_keys[r]];
-    // A device that takes this release from |before|, shared by the rows that
-    // start alike: the same devices, the same stale manifests in reach.
-    const auto take = [&](const Device& before, std::map<std::string, Device>* devices,
-                          const std::string& key) -> const Device* {
-      const std::string full = key + '\0' + stale_hits(row.preliminary, before.odm);
-      const auto it = devices->find(full);
-      if (it != devices->end()) return &it->second;
-      Device& after = (*devices)[full];
-      restore_odm(before.saved);
-      return settle(options, report->settings[row.settings[0]], row.products[0], saved++, &after)
-                 ? &after
-                 : nullptr;
-    };
-    if (update) {
-      const Device& before = old_factory[old_keys[r]];
-      const Device* after = take(before, &updated, old_keys[r] + '\0' + new_keys[r]);
-      if (after == nullptr) return false;
-      row.update = course(before, *after, fresh);
-      judge_update(row, &gathered);
+    for (const std::string& product : report->rows[r].products) {
+      for (size_t s : report->rows[r].settings) pairs.push_back({r, &product, s, nullptr, nullptr, nullptr, nullptr});
     }
-    if (installed) {
-      const Device* after = take(installed_device, &from_installed, new_keys[r]);
-      if (after == nullptr) return false;
-      row.installed = course(installed_device, *after, fresh);
-      row.provisions = row.installed->provisions;
+  }
+  if (update) {
+    use_release_of(&d, true);
+    prepare_odm(options, false);
+    seed(true);
+    const size_t factory = note_state(&d);
+    for (Pair& pair : pairs) {
+      if ((pair.old = settle(&d, factory, pair.setting, *pair.product)) == nullptr) return false;
     }
+  }
+  use_release_of(&d, false);
+  prepare_odm(options, installed);
+  seed(false);
+  d.held = SIZE_MAX;
+  prepare_odm(options, false);
+  const size_t factory = note_state(&d);
+  size_t from_installed = 0;
+  if (installed) {
+    restore_odm(host(kCheckInstalled));
+    from_installed = note_state(&d);
+  }
+  for (Pair& pair : pairs) {
+    pair.fresh = settle(&d, factory, pair.setting, *pair.product);
+    if (pair.fresh == nullptr) return false;
+    if (update && (pair.updated = settle(&d, pair.old->state, pair.setting, *pair.product)) == nullptr) return false;
+    if (installed && (pair.later = settle(&d, from_installed, pair.setting, *pair.product)) == nullptr) return false;
+  }
+
+  // Each row parts into rows whose product texts and settings have the same
+  // courses, in the way the resolution merges them.
+  std::vector<Row> rows;
+  auto next = pairs.begin();
+  for (const Row& row : report->rows) {
+    std::vector<std::pair<std::string, Row>> parts;  // by courses and settings
+    for (const std::string& product : row.products) {
+      std::vector<std::pair<std::string, std::vector<size_t>>> groups;  // settings by courses
+      std::map<std::string, std::pair<std::optional<Course>, std::optional<Course>>> courses;
+      for (size_t s : row.settings) {
+        const Pair& pair = *next++;
+        std::optional<Course> updated, later;
+        if (update) {
+          updated = course(d, pair.old->state, *pair.updated, *pair.fresh);
+          updated->model_before = pair.old->model;
+          if (updated->model_after.empty()) updated->model_after = pair.old->model;
+        }
+        if (installed) later = course(d, from_installed, *pair.later, *pair.fresh);
+        const std::string key = (updated ? course_key(*updated) : "") + '\n' + (later ? course_key(*later) : "");
+        auto it = std::find_if(groups.begin(), groups.end(), [&](const auto& g) { return g.first == key; });
+        if (it == groups.end()) it = groups.insert(groups.end(), {key, {}});
+        it->second.push_back(s);
+        courses[key] = {updated, later};
+      }
+      for (const auto& [key, settings] : groups) {
+        std::string id = key;
+        for (size_t s : settings) id += '\0' + std::to_string(s);
+        auto it = std::find_if(parts.begin(), parts.end(), [&](const auto& p) { return p.first == id; });
+        if (it == parts.end()) {
+          Row split = row;
+          split.products.clear();
+          split.settings = settings;
+          if (settings != row.settings) split.when = settings_in_words(*report, settings);
+          split.update = courses[key].first;
+          split.installed = courses[key].second;
+          if (split.installed) split.provisions = split.installed->provisions;
+          it = parts.insert(parts.end(), {id, split});
+        }
+        it->second.products.push_back(product);
+      }
+    }
+    for (auto& part : parts) rows.push_back(std::move(part.second));
+  }
+  report->rows = std::move(rows);
+
+  Gathered gathered;
+  for (const Row& row : report->rows) {
+    if (row.update) judge_update(row, &gathered);
   }
   // An installed /odm is one device's: it is judged as a device of the rows
   // whose new devices differ from it in the fewest entries after its starts.

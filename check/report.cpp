@@ -42,14 +42,15 @@ size_t count(const Report& report, bool errors) {
 
 // The courses of every row: a table of their outcomes, each row followed by
 // what its starts change and how it then differs from a new device.
-// |before| is a row's model before the starts; |judged| marks rows with "*".
+// The tree shows where the device's files come from before and after an
+// update; judged rows of an installed /odm are marked with "*".
 void print_courses(const Report& report, bool update) {
   std::vector<std::vector<std::string>> cells;
   for (const Row& row : report.rows) {
     const Course& c = update ? *row.update : *row.installed;
-    const std::string before = update ? row.old_final : row.final_model;
-    std::string tree = "odm_" + row.final_model;
-    if (before != row.final_model) tree = "odm_" + before + " > " + tree;
+    const std::string after = c.model_after.empty() ? c.new_model : c.model_after;
+    std::string tree = "odm_" + after;
+    if (update && c.model_before != after) tree = "odm_" + c.model_before + " > " + tree;
     cells.push_back({(!update && row.installed_judged ? "* " : "") + products_of(row), row.when, tree,
                      c.provisions ? "provisions: " + shown(c.line_before) + " > " + shown(c.line_after)
                                   : "current: " + shown(c.line_after)});
@@ -208,8 +209,8 @@ void print_json(const Options& options, const Report& report) {
     };
     if (row.update) {
       r["update"] = course(*row.update);
-      r["update"]["model_before"] = row.old_final;
-      r["update"]["model_after"] = row.final_model;
+      r["update"]["model_before"] = row.update->model_before;
+      r["update"]["model_after"] = row.update->model_after;
       r["update"]["stamp_before"] = in_tree(row.old_stamp);
     }
     if (row.installed) {

@@ -237,6 +237,12 @@ void check_names(const Tables& tables, Report* report) {
 
 }  // namespace
 
+std::string settings_in_words(const Report& report, const std::vector<size_t>& subset) {
+  std::vector<Values> values;
+  for (const auto& tested : report.tested) values.push_back(tested.second);
+  return describe(values, report.settings, subset);
+}
+
 bool resolve(const Options& options, const std::map<std::string, std::set<std::string>>& tests,
              Report* report) {
   // Each tested property takes the values the blocks name, and unset; one

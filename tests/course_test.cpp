@@ -1,0 +1,393 @@
+// tarnwick-check --update-from and --installed against the program itself:
+// random release pairs and installed trees, and every row of the checker's
+// answer compared with the starts of one of its product texts and settings
+// run by hand. A case that differs is printed as a shell script that rebuilds
+// its trees. Usage: tarnwick_course_tests [--cases N] [--seed S] [gtest flags]
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <set>
+
+#include "tests/harness.h"
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using Files = std::map<std::string, std::string>;  // path -> bytes, or "->" and a link target
+using Props = std::map<std::string, std::string>;
+
+#ifdef __SANITIZE_ADDRESS__
+int cases = 16;  // the sanitizers make each case ten times slower
+#else
+int cases = 300;
+#endif
+unsigned seed = 1;
+
+namespace {
+
+struct Gen {
+  std::mt19937 rng;
+  size_t pick(size_t n) { return rng() % n; }
+  bool chance(int percent) { return static_cast<int>(pick(100)) < percent; }
+  std::string one(const std::vector<std::string>& texts) { return texts[pick(texts.size())]; }
+};
+
+const std::vector<std::string> kModels = {"A", "B", "C", "A_RU", "VX41"};
+const std::vector<std::string> kAliases = {"p", "q", "r", "q_RU"};
+const std::vector<std::string> kContents = {"v=1\n", "v=2\n", "v=1", "x\r\ny\n"};
+const std::vector<std::string> kFiles = {"audio.conf", "sensors.conf", "manifest_p.xml", "manifest_BDS.xml",
+                                         "manifest_A.xml", "odmconfig.xml"};
+const char kHwconfig[] = "ro.vendor.hwconfig.completed";
+
+// Models with aliases moved about, a block on a board property and one on
+// the hardware configuration, each there or not.
+std::string config(Gen& g) {
+  std::string xml = "<odm_config>";
+  for (const std::string& model : kModels) {
+    xml += "<model name='" + model + "'>";
+    for (const std::string& alias : kAliases) {
+      if (g.chance(25)) xml += "<alias>" + alias + "</alias>";
+    }
+    xml += "</model>";
+  }
+  xml += "<setup_odm>";
+  for (const std::string& block : {"ro.boot.hardware.sku' config_value='" + g.one({"x", "y"}),
+                                   std::string(kHwconfig) + "' config_value='1"}) {
+    if (g.chance(45)) {
+      xml += "<prop_value config_name='" + block + "'><target name='" + g.one(kModels) + "'><alias>" +
+             g.one(kAliases) + "</alias></target></prop_value>";
+    }
+  }
+  return xml + "</setup_odm></odm_config>";
+}
+
+void add_tree(Gen& g, const std::string& model, Files* f) {
+  const std::string etc = "odm_" + model + "/odm/etc/";
+  if (g.chance(90)) (*f)[etc + "vintf/manifest.xml"] = "<manifest " + model + "/>\n";
+  if (g.chance(85)) (*f)[etc + "permissions/unavailable_features.xml"] = "<permissions/>\n";
+  for (const std::string& file : kFiles) {
+    if (file == "odmconfig.xml" ? g.chance(10) : g.chance(35)) {
+      (*f)[etc + file] = file == "odmconfig.xml" ? config(g) : g.one(kContents);
+    }
+  }
+  if (g.chance(15)) (*f)[etc + "link.conf"] = "->audio.conf";
+}
+
+Files first_release(Gen& g) {
+  Files f = {{"odm_default/odm/odmver.txt", g.one({"REL.1\n", "OLD\nREL.1", "REL.1"})}};
+  if (g.chance(75)) f["odm_default/odm/etc/odmconfig.xml"] = config(g);
+  if (g.chance(30)) f["odm_" + g.one(kAliases) + "/odm/odmver.txt"] = "SKU.1\n";
+  for (const std::string& model : kModels) {
+    if (model == "VX41" || g.chance(70)) add_tree(g, model, &f);
+  }
+  return f;
+}
+
+// The next release: stamps bumped or not, each apart; files changed, added
+// and dropped; trees and the default configuration added and dropped.
+Files next_release(Gen& g, Files f) {
+  for (auto it = f.begin(); it != f.end();) {
+    std::string& bytes = it->second;
+    if (fs::path(it->first).filename() == "odmver.txt") {
+      if (g.chance(70)) bytes.back() == '\n' ? bytes.insert(bytes.size() - 1, "1") : bytes.append("1");
+    } else if (it->first.find("/odm/etc/odmconfig.xml") != std::string::npos ? g.chance(40) : g.chance(12)) {
+      bytes = it->first.rfind("odm_default/", 0) == 0 || bytes[0] == '<' ? config(g) : g.one(kContents);
+    } else if (g.chance(it->first.rfind("odm_default/", 0) == 0 ? 15 : 8)) {
+      it = f.erase(it);
+      continue;
+    }
+    ++it;
+  }
+  if (g.chance(25)) f["odm_default/odm/etc/odmconfig.xml"] = config(g);
+  if (g.chance(15)) f["odm_" + g.one(kAliases) + "/odm/odmver.txt"] = "SKU.2\n";
+  if (g.chance(20)) add_tree(g, g.one(kModels), &f);
+  if (g.chance(10)) {
+    const std::string gone = "odm_" + g.one(kModels) + "/";
+    for (auto it = f.lower_bound(gone); it != f.end() && it->first.rfind(gone, 0) == 0;) it = f.erase(it);
+  }
+  return f;
+}
+
+void write(const std::string& dir, const Files& files) {
+  for (const auto& [path, bytes] : files) {
+    fs::create_directories(fs::path(dir + "/" + path).parent_path());
+    if (bytes.rfind("->", 0) == 0) {
+      fs::create_symlink(bytes.substr(2), dir + "/" + path);
+    } else {
+      put(dir + "/" + path, bytes);
+    }
+  }
+}
+
+// A shell script that rebuilds |dir|.
+std::string script(const std::string& dir) {
+  std::string out;
+  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+    const std::string path = "'" + fs::relative(entry.path(), dir).string() + "'";
+    if (entry.is_symlink()) {
+      out += "ln -s '" + fs::read_symlink(entry.path()).string() + "' " + path + "\n";
+    } else if (entry.is_directory()) {
+      out += "mkdir -p " + path + "\n";
+    } else {
+      std::string octal;
+      for (unsigned char c : get(entry.path())) octal += "\\" + std::to_string(c / 64) + std::to_string(c / 8 % 8) + std::to_string(c % 8);
+      out += "printf '" + octal + "' >" + path + "\n";
+    }
+  }
+  return out;
+}
+
+// One device start over |root|, as tools/run-device makes it: the property
+// store holds |props| and nothing else, the kernel log is emptied. Its log.
+std::string start(const std::string& root, const Props& props) {
+  fs::remove_all(root + "/dev/__properties__");
+  fs::create_directories(root + "/dev/__properties__");
+  for (const auto& [name, value] : props) put(root + "/dev/__properties__/" + name, value);
+  put(root + "/dev/kmsg", "");
+  std::vector<std::string> argv = wrapper();
+  argv.push_back(TARNWICK_PROGRAM);
+  std::vector<char*> args;
+  for (auto& arg : argv) args.push_back(arg.data());
+  args.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 2, (root + ".log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  setenv("TARNWICK_ROOT", root.c_str(), 1);
+  pid_t pid;
+  int status = -1;
+  if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) == 0) waitpid(pid, &status, 0);
+  posix_spawn_file_actions_destroy(&actions);
+  unsetenv("TARNWICK_ROOT");
+  EXPECT_EQ(status, 0) << root;
+  return get(root + ".log");
+}
+
+// A device as its starts leave it.
+struct Device {
+  std::map<std::string, std::string> etc;  // /odm/etc: entry -> mode and bytes, or link target
+  std::string line, published, model;
+  bool provisions = false;
+};
+
+// The /odm/etc of the /odm |odm| (a host directory).
+std::map<std::string, std::string> etc_of(const std::string& odm) {
+  std::map<std::string, std::string> etc;
+  if (!fs::is_directory(fs::symlink_status(odm + "/etc"))) return etc;
+  for (const auto& [path, what] : snapshot(odm + "/etc")) {
+    etc[fs::path(path).lexically_relative(odm + "/etc")] = fs::is_directory(fs::symlink_status(path)) ? "dir" : what;
+  }
+  return etc;
+}
+
+// The version line of a stamp holding |bytes|: its last line.
+std::string last_line(std::string bytes) {
+  if (bytes == "<missing>") return "";
+  if (!bytes.empty() && bytes.back() == '\n') bytes.pop_back();
+  return bytes.substr(bytes.rfind('\n') + 1);
+}
+
+// Starts of |root| until one asks for no restart; |model| is where its files
+// came from before.
+Device settle(const std::string& root, const Props& props, const std::string& model) {
+  Device d{{}, "", "", model, false};
+  for (int k = 0; k < 4; ++k) {
+    const std::string log = start(root, props);
+    if (k == 0) d.provisions = prop(root, "ro.vendor.odm.version") == "<unset>";
+    const size_t at = log.rfind("] model name is /vendor/etc/odm/odm_");
+    if (at != std::string::npos) d.model = log.substr(at + 36, log.find("/odm/etc/vintf/manifest.xml", at) - at - 36);
+    if (prop(root, "sys.powerctl").rfind("reboot", 0) != 0) break;
+  }
+  d.etc = etc_of(root + "/odm");
+  d.line = last_line(get(root + "/odm/odmver.txt"));
+  for (const auto& entry : fs::directory_iterator(root + "/dev/__properties__")) {
+    const std::string name = entry.path().filename(), value = get(entry.path());
+    if (props.count(name) == 0 || props.at(name) != value) d.published += name + "=" + value + "\n";
+  }
+  return d;
+}
+
+// The entries only |to| has, those both have but differ in, those only |from| has.
+json diff(const std::map<std::string, std::string>& from, const std::map<std::string, std::string>& to) {
+  json d = {json::array(), json::array(), json::array()};
+  for (const auto& [path, what] : to) {
+    if (from.count(path) == 0 || from.at(path) != what) d[from.count(path) == 0 ? 0 : 1].push_back(path);
+  }
+  for (const auto& entry : from) {
+    if (to.count(entry.first) == 0) d[2].push_back(entry.first);
+  }
+  return d;
+}
+
+// A course's member as the checker writes it, from the devices by hand.
+json course(const Device& before, const Device& after, const Device& fresh) {
+  const json change = diff(before.etc, after.etc), unlike = diff(after.etc, fresh.etc);
+  return {{"provisions", after.provisions}, {"adds", change[0]}, {"changes", change[1]},
+          {"removes", change[2]}, {"version_line_before", before.line}, {"version_line_after", after.line},
+          {"against_new_device", {{"lacks", unlike[0]}, {"differs", unlike[1]}, {"keeps", unlike[2]},
+                                  {"properties_differ", after.published != fresh.published}}}};
+}
+
+std::string stamp_of(const std::string& tree, const std::string& product) {
+  const std::string sku = "odm_" + product + "/odm/odmver.txt";
+  return fs::exists(tree + "/" + sku) ? sku : "odm_default/odm/odmver.txt";
+}
+
+// A device root over the release |tree|, its /odm empty.
+std::string lay_out(const std::string& root, const std::string& tree) {
+  fs::create_directories(root + "/vendor/etc");
+  fs::copy(tree, root + "/vendor/etc/odm", fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  return root;
+}
+
+// Gives the device |root| the /odm |odm| (a host directory, moved), or an empty one.
+void give_odm(const std::string& root, const std::string& odm = "") {
+  fs::remove_all(root + "/odm");
+  if (odm.empty()) {
+    fs::create_directories(root + "/odm");
+  } else {
+    fs::rename(odm, root + "/odm");
+  }
+}
+
+const std::set<std::string> kCourseCodes = {"stamp-not-bumped", "left-behind", "restart-without-change",
+                                            "model-changed", "drift"};
+
+// One random case in |dir|: the checker's answer, and each row by hand.
+void one_case(unsigned number, const std::string& dir) {
+  Gen g{std::mt19937(number)};
+  const std::string old_tree = dir + "/old", tree = dir + "/new", installed = dir + "/installed";
+  const Files old_files = first_release(g);
+  write(old_tree, old_files);
+  write(tree, next_release(g, old_files));
+  std::vector<std::string> args = {TARNWICK_CHECK, "--json", "--update-from", old_tree};
+  for (int i = 0, n = g.chance(70) ? 2 + g.pick(3) : 0; i < n; ++i) {
+    args.push_back("--product=" + g.one({"p", "q", "r", "q_RU", "A", "B_RU", "C", "VX41", ""}));
+  }
+  const std::string old_root = lay_out(dir + "/old-device", old_tree);
+  const std::string root = lay_out(dir + "/device", tree), fresh_root = lay_out(dir + "/fresh", tree);
+  if (g.chance(60)) {
+    // A device of the old release that drifted.
+    give_odm(old_root);
+    settle(old_root, {{"ro.vendor.product", g.one(kAliases)}}, "");
+    fs::rename(old_root + "/odm", installed);
+    Files drift;
+    if (g.chance(30)) drift["etc/" + g.one(kFiles)] = g.one(kContents);
+    if (g.chance(15)) drift["etc/vintf/manifest_p.xml"] = "<manifest/>\n";
+    if (g.chance(30)) drift["fbe.ini"] = g.one({"file\n", "mode=file", "block\n", "file\nblock\n"});
+    if (g.chance(25)) drift["odmver.txt"] = "OLD\n" + get(installed + "/odmver.txt") + "\n";
+    if (g.chance(15)) drift["etc/odmconfig.xml"] = config(g);
+    if (g.chance(15)) fs::remove(installed + "/etc/" + g.one(kFiles));
+    if (g.chance(10)) fs::remove(installed + "/odmver.txt");
+    for (const auto& entry : drift) fs::remove(installed + "/" + entry.first);
+    write(installed, drift);
+    args.push_back("--installed=" + installed);
+  }
+  args.push_back(tree);
+  std::string out;
+  run(args, &out);
+  const json doc = json::parse(out);
+  const bool with_installed = doc.contains("installed");
+
+  std::set<std::pair<std::string, std::string>> implied, found;
+  std::vector<size_t> closeness;
+  for (const json& row : doc["rows"]) {
+    const std::string product = row["products"][g.pick(row["products"].size())];
+    const size_t s = row["settings"][g.pick(row["settings"].size())];
+    Props props = {{"ro.vendor.product", product}};
+    for (const auto& [name, value] : doc["settings"][s].items()) {
+      if (!value.is_null()) props[name] = value;
+    }
+    SCOPED_TRACE("row " + row.dump() + "\nstarted as: " + json(props).dump());
+    give_odm(old_root);
+    const Device old = settle(old_root, props, "");
+    give_odm(fresh_root);
+    const Device fresh = settle(fresh_root, props, "");
+    give_odm(root, old_root + "/odm");
+    const Device updated = settle(root, props, old.model);
+    json update = course(old, updated, fresh);
+    update["model_before"] = old.model;
+    update["model_after"] = updated.model;
+    update["stamp_before"] = stamp_of(old_tree, product);
+    EXPECT_EQ(row["update"], update);
+    const json& unlike = update["against_new_device"];
+    const std::string stamp = stamp_of(tree, product);
+    if (!updated.provisions && unlike["lacks"].size() + unlike["differs"].size() + unlike["keeps"].size() > 0) {
+      implied.insert({"stamp-not-bumped", stamp});
+    }
+    if (!unlike["keeps"].empty()) implied.insert({"left-behind", unlike["keeps"].dump()});
+    if (updated.provisions && update["adds"].empty() && update["changes"].empty() && update["removes"].empty()) {
+      implied.insert({"restart-without-change", stamp});
+    }
+    if (old.model != updated.model) implied.insert({"model-changed", "odm_" + old.model + " > odm_" + updated.model});
+    if (!with_installed) continue;
+    fs::remove_all(dir + "/copy");
+    fs::copy(installed, dir + "/copy", fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    give_odm(root, dir + "/copy");
+    const Device later = settle(root, props, "");
+    json member = course(Device{etc_of(installed), last_line(get(installed + "/odmver.txt")), "", "", false},
+                         later, fresh);
+    member["judged"] = row["installed"]["judged"];
+    EXPECT_EQ(row["installed"], member);
+    EXPECT_EQ(row["next_start_provisions"], later.provisions);
+    const json& against = member["against_new_device"];
+    closeness.push_back(against["lacks"].size() + against["differs"].size() + against["keeps"].size());
+    if (!row["installed"]["judged"]) continue;
+    if (against["lacks"].size() + against["differs"].size() > 0) implied.insert({"drift", installed});
+    if (!against["keeps"].empty()) implied.insert({"left-behind", against["keeps"].dump()});
+  }
+  // The installed /odm is judged as a device of the rows it is closest to.
+  for (size_t r = 0; r < closeness.size(); ++r) {
+    EXPECT_EQ(doc["rows"][r]["installed"]["judged"],
+              closeness[r] == *std::min_element(closeness.begin(), closeness.end())) << r;
+  }
+  for (const json& f : doc["findings"]) {
+    if (kCourseCodes.count(f["code"]) == 0) continue;
+    std::string subject = f["subject"];
+    if (f["code"] == "left-behind") {
+      json files = json::array();
+      for (size_t at = 0, end; at <= subject.size(); at = end + 2) {
+        end = std::min(subject.find(", ", at), subject.size());
+        files.push_back(subject.substr(at, end - at));
+      }
+      subject = files.dump();
+    }
+    found.insert({f["code"], subject});
+  }
+  EXPECT_EQ(found, implied);
+}
+
+class Courses : public testing::TestWithParam<int> {};
+
+TEST_P(Courses, EveryRowAsStartedByHand) {
+  const std::string dir = make_root();
+  for (int i = GetParam(); i < cases; i += 2) {
+    const unsigned number = seed + i;
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    one_case(number, dir);
+    if (HasFailure()) {
+      ADD_FAILURE() << "case " << number << " (--seed " << number << " --cases 1) differs; its trees:\n"
+                    << "mkdir case && cd case\n" << script(dir + "/old") << script(dir + "/new");
+      break;
+    }
+  }
+  remove_root(dir);
+}
+
+INSTANTIATE_TEST_SUITE_P(Halves, Courses, testing::Values(0, 1));
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string flag = argv[i];
+    if (flag == "--cases") cases = std::stoi(argv[i + 1]);
+    if (flag == "--seed") seed = std::stoul(argv[i + 1]);
+  }
+  return RUN_ALL_TESTS();
+}
