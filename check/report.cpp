@@ -42,13 +42,14 @@ size_t count(const Report& report, bool errors) {
 
 // The courses of every row: a table of their outcomes, each row followed by
 // what its starts change and how it then differs from a new device.
-// The tree shows where the device's files come from before and after an
-// update; judged rows of an installed /odm are marked with "*".
+// The tree is where an updated device's files come from before and after the
+// update, and for an installed /odm a new device's; judged rows of an
+// installed /odm are marked with "*".
 void print_courses(const Report& report, bool update) {
   std::vector<std::vector<std::string>> cells;
   for (const Row& row : report.rows) {
     const Course& c = update ? *row.update : *row.installed;
-    const std::string after = c.model_after.empty() ? c.new_model : c.model_after;
+    const std::string after = update ? c.model_after : c.new_model;
     std::string tree = "odm_" + after;
     if (update && c.model_before != after) tree = "odm_" + c.model_before + " > " + tree;
     cells.push_back({(!update && row.installed_judged ? "* " : "") + products_of(row), row.when, tree,

@@ -78,7 +78,8 @@ void add_tree(Gen& g, const std::string& model, Files* f) {
 }
 
 Files first_release(Gen& g) {
-  Files f = {{"odm_default/odm/odmver.txt", g.one({"REL.1\n", "OLD\nREL.1", "REL.1"})}};
+  // A stamp ending in an empty line makes every start provision.
+  Files f = {{"odm_default/odm/odmver.txt", g.chance(4) ? "REL.1\n\n" : g.one({"REL.1\n", "OLD\nREL.1", "REL.1"})}};
   if (g.chance(75)) f["odm_default/odm/etc/odmconfig.xml"] = config(g);
   if (g.chance(30)) f["odm_" + g.one(kAliases) + "/odm/odmver.txt"] = "SKU.1\n";
   for (const std::string& model : kModels) {
@@ -95,7 +96,7 @@ Files next_release(Gen& g, Files f) {
     if (fs::path(it->first).filename() == "odmver.txt") {
       if (g.chance(70)) bytes.back() == '\n' ? bytes.insert(bytes.size() - 1, "1") : bytes.append("1");
     } else if (it->first.find("/odm/etc/odmconfig.xml") != std::string::npos ? g.chance(40) : g.chance(12)) {
-      bytes = it->first.rfind("odm_default/", 0) == 0 || bytes[0] == '<' ? config(g) : g.one(kContents);
+      bytes = fs::path(it->first).filename() == "odmconfig.xml" ? config(g) : g.one(kContents);
     } else if (g.chance(it->first.rfind("odm_default/", 0) == 0 ? 15 : 8)) {
       it = f.erase(it);
       continue;
@@ -123,22 +124,35 @@ void write(const std::string& dir, const Files& files) {
   }
 }
 
-// A shell script that rebuilds |dir|.
-std::string script(const std::string& dir) {
-  std::string out;
-  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
-    const std::string path = "'" + fs::relative(entry.path(), dir).string() + "'";
-    if (entry.is_symlink()) {
-      out += "ln -s '" + fs::read_symlink(entry.path()).string() + "' " + path + "\n";
-    } else if (entry.is_directory()) {
-      out += "mkdir -p " + path + "\n";
-    } else {
-      std::string octal;
-      for (unsigned char c : get(entry.path())) octal += "\\" + std::to_string(c / 64) + std::to_string(c / 8 % 8) + std::to_string(c % 8);
-      out += "printf '" + octal + "' >" + path + "\n";
+// A shell script that rebuilds the case in |dir| (old/, new/, installed/) and
+// runs the checker on it as |args| did.
+std::string reproducer(const std::string& dir, const std::vector<std::string>& args) {
+  std::string out = "mkdir case && cd case\n";
+  for (const std::string sub : {"old", "new", "installed"}) {
+    if (!fs::exists(dir + "/" + sub)) continue;
+    for (const auto& entry : fs::recursive_directory_iterator(dir + "/" + sub)) {
+      const std::string path = "'" + entry.path().lexically_relative(dir).string() + "'";
+      if (entry.is_symlink()) {
+        out += "ln -s '" + fs::read_symlink(entry.path()).string() + "' " + path + "\n";
+      } else if (entry.is_directory()) {
+        out += "mkdir -p " + path + "\n";
+      } else {
+        std::string text;
+        for (unsigned char c : get(entry.path())) {
+          char octal[8];
+          snprintf(octal, sizeof(octal), "\\%03o", c);
+          text += isprint(c) && c != '\'' && c != '\\' && c != '%' ? std::string(1, c) : octal;
+        }
+        out += "printf '" + text + "' >" + path + "\n";
+      }
     }
   }
-  return out;
+  out += "tarnwick-check";
+  for (std::string arg : std::vector<std::string>(args.begin() + 1, args.end())) {
+    if (arg.find(dir) != std::string::npos) arg.replace(arg.find(dir), dir.size(), ".");
+    out += " '" + arg + "'";
+  }
+  return out + "\n";
 }
 
 // One device start over |root|, as tools/run-device makes it: the property
@@ -256,20 +270,22 @@ void give_odm(const std::string& root, const std::string& odm = "") {
 const std::set<std::string> kCourseCodes = {"stamp-not-bumped", "left-behind", "restart-without-change",
                                             "model-changed", "drift"};
 
-// One random case in |dir|: the checker's answer, and each row by hand.
-void one_case(unsigned number, const std::string& dir) {
+// One random case in |dir|: the checker's answer (to |args|), and each row by hand.
+void one_case(unsigned number, const std::string& dir, std::vector<std::string>* command) {
   Gen g{std::mt19937(number)};
   const std::string old_tree = dir + "/old", tree = dir + "/new", installed = dir + "/installed";
   const Files old_files = first_release(g);
   write(old_tree, old_files);
   write(tree, next_release(g, old_files));
-  std::vector<std::string> args = {TARNWICK_CHECK, "--json", "--update-from", old_tree};
+  const bool update = g.chance(85);
+  std::vector<std::string> args = {TARNWICK_CHECK, "--json"};
+  if (update) args.push_back("--update-from=" + old_tree);
   for (int i = 0, n = g.chance(70) ? 2 + g.pick(3) : 0; i < n; ++i) {
     args.push_back("--product=" + g.one({"p", "q", "r", "q_RU", "A", "B_RU", "C", "VX41", ""}));
   }
   const std::string old_root = lay_out(dir + "/old-device", old_tree);
   const std::string root = lay_out(dir + "/device", tree), fresh_root = lay_out(dir + "/fresh", tree);
-  if (g.chance(60)) {
+  if (g.chance(60) || !update) {
     // A device of the old release that drifted.
     give_odm(old_root);
     settle(old_root, {{"ro.vendor.product", g.one(kAliases)}}, "");
@@ -280,13 +296,18 @@ void one_case(unsigned number, const std::string& dir) {
     if (g.chance(30)) drift["fbe.ini"] = g.one({"file\n", "mode=file", "block\n", "file\nblock\n"});
     if (g.chance(25)) drift["odmver.txt"] = "OLD\n" + get(installed + "/odmver.txt") + "\n";
     if (g.chance(15)) drift["etc/odmconfig.xml"] = config(g);
+    if (g.chance(10)) drift["etc/audio.conf"] = "->sensors.conf";
     if (g.chance(15)) fs::remove(installed + "/etc/" + g.one(kFiles));
     if (g.chance(10)) fs::remove(installed + "/odmver.txt");
     for (const auto& entry : drift) fs::remove(installed + "/" + entry.first);
     write(installed, drift);
+    if (g.chance(10) && fs::exists(installed + "/etc/vintf/manifest.xml")) {
+      fs::permissions(installed + "/etc/vintf/manifest.xml", fs::perms::owner_read);
+    }
     args.push_back("--installed=" + installed);
   }
   args.push_back(tree);
+  *command = args;
   std::string out;
   run(args, &out);
   const json doc = json::parse(out);
@@ -302,27 +323,29 @@ void one_case(unsigned number, const std::string& dir) {
       if (!value.is_null()) props[name] = value;
     }
     SCOPED_TRACE("row " + row.dump() + "\nstarted as: " + json(props).dump());
-    give_odm(old_root);
-    const Device old = settle(old_root, props, "");
     give_odm(fresh_root);
     const Device fresh = settle(fresh_root, props, "");
-    give_odm(root, old_root + "/odm");
-    const Device updated = settle(root, props, old.model);
-    json update = course(old, updated, fresh);
-    update["model_before"] = old.model;
-    update["model_after"] = updated.model;
-    update["stamp_before"] = stamp_of(old_tree, product);
-    EXPECT_EQ(row["update"], update);
-    const json& unlike = update["against_new_device"];
-    const std::string stamp = stamp_of(tree, product);
-    if (!updated.provisions && unlike["lacks"].size() + unlike["differs"].size() + unlike["keeps"].size() > 0) {
-      implied.insert({"stamp-not-bumped", stamp});
+    if (update) {
+      give_odm(old_root);
+      const Device old = settle(old_root, props, "");
+      give_odm(root, old_root + "/odm");
+      const Device updated = settle(root, props, old.model);
+      json member = course(old, updated, fresh);
+      member["model_before"] = old.model;
+      member["model_after"] = updated.model;
+      member["stamp_before"] = stamp_of(old_tree, product);
+      EXPECT_EQ(row["update"], member);
+      const json& unlike = member["against_new_device"];
+      const std::string stamp = stamp_of(tree, product);
+      if (!updated.provisions && unlike["lacks"].size() + unlike["differs"].size() + unlike["keeps"].size() > 0) {
+        implied.insert({"stamp-not-bumped", stamp});
+      }
+      if (!unlike["keeps"].empty()) implied.insert({"left-behind", unlike["keeps"].dump()});
+      if (updated.provisions && member["adds"].empty() && member["changes"].empty() && member["removes"].empty()) {
+        implied.insert({"restart-without-change", stamp});
+      }
+      if (old.model != updated.model) implied.insert({"model-changed", "odm_" + old.model + " > odm_" + updated.model});
     }
-    if (!unlike["keeps"].empty()) implied.insert({"left-behind", unlike["keeps"].dump()});
-    if (updated.provisions && update["adds"].empty() && update["changes"].empty() && update["removes"].empty()) {
-      implied.insert({"restart-without-change", stamp});
-    }
-    if (old.model != updated.model) implied.insert({"model-changed", "odm_" + old.model + " > odm_" + updated.model});
     if (!with_installed) continue;
     fs::remove_all(dir + "/copy");
     fs::copy(installed, dir + "/copy", fs::copy_options::recursive | fs::copy_options::copy_symlinks);
@@ -368,10 +391,11 @@ TEST_P(Courses, EveryRowAsStartedByHand) {
     const unsigned number = seed + i;
     fs::remove_all(dir);
     fs::create_directories(dir);
-    one_case(number, dir);
+    std::vector<std::string> args;
+    one_case(number, dir, &args);
     if (HasFailure()) {
-      ADD_FAILURE() << "case " << number << " (--seed " << number << " --cases 1) differs; its trees:\n"
-                    << "mkdir case && cd case\n" << script(dir + "/old") << script(dir + "/new");
+      ADD_FAILURE() << "case " << number << " (--seed " << number << " --cases 1) differs; it is\n"
+                    << reproducer(dir, args);
       break;
     }
   }

@@ -198,4 +198,83 @@ TEST(Update, EveryRowAsByHand) {
   remove_root(root);
 }
 
+// The smallest case of each way a course went wrong before its devices read
+// exactly what their own /odm and /vendor hold: the files (under old/, new/
+// and installed/; "new" is checked), the options, the members of the JSON
+// document it must have, and the findings of the courses.
+struct CourseCase {
+  const char* what;
+  std::vector<std::pair<std::string, std::string>> files;
+  std::vector<std::string> args;
+  std::vector<std::pair<std::string, json>> members;  // JSON pointer, value
+  std::multiset<std::string> codes;
+};
+
+TEST(Update, EachDeviceReadsItsOwn) {
+  const std::string manifest = "/odm/etc/vintf/manifest.xml", a = "/odm_A" + manifest, vx41 = "/odm_VX41" + manifest;
+  const std::string stamp = "/odm_default/odm/odmver.txt";
+  const CourseCase cases[] = {
+      {"an updated device keeps the configuration the old release installed when the new one has none",
+       {{"old/odm_default/odm/etc/odmconfig.xml", "<c><model name='A'><alias>p</alias></model><setup_odm/></c>"},
+        {"old" + a, "<a/>"}, {"old" + vx41, "<v/>"}, {"old" + stamp, "1"},
+        {"new" + a, "<a/>"}, {"new" + vx41, "<v/>"}, {"new" + stamp, "2"}},
+       {"--product=p", "--update-from=old"},
+       {{"/rows/0/update/model_after", "A"}, {"/rows/0/update/against_new_device/keeps", {"odmconfig.xml"}}},
+       {"left-behind", "restart-without-change"}},
+      {"a factory device of a release without a default configuration has none, whatever is installed",
+       {{"installed/etc/odmconfig.xml", "<c><model name='A'><alias>p</alias></model><setup_odm/></c>"},
+        {"installed/etc/a.conf", "a"}, {"installed/odmver.txt", "2"},
+        {"new" + a, "<a/>"}, {"new/odm_A/odm/etc/a.conf", "a"}, {"new" + vx41, "<v/>"},
+        {"new/odm_VX41/odm/etc/v.conf", "v"}, {"new" + stamp, "2"}},
+       {"--product=p", "--product=A", "--installed=installed"},
+       {{"/rows/1/products", {"p"}}, {"/rows/1/installed/against_new_device/keeps", {"a.conf", "odmconfig.xml"}},
+        {"/rows/1/installed/against_new_device/lacks",
+         {"permissions", "permissions/unavailable_features.xml", "v.conf", "vintf", "vintf/manifest.xml"}}},
+       {"drift", "left-behind"}},
+      {"an update that provisions and changes nothing restarts for nothing, though it keeps a dropped file",
+       {{"old" + a, "<a/>"}, {"old/odm_A/odm/etc/x.conf", "x"}, {"old" + vx41, "<v/>"}, {"old" + stamp, "1"},
+        {"new" + a, "<a/>"}, {"new" + vx41, "<v/>"}, {"new" + stamp, "2"}},
+       {"--product=A", "--update-from=old"},
+       {{"/rows/0/update/provisions", true}, {"/rows/0/update/changes", json::array()},
+        {"/rows/0/update/against_new_device/keeps", {"x.conf"}}},
+       {"left-behind", "restart-without-change"}},
+      {"the version lines are the stamps' last lines",
+       {{"installed/odmver.txt", "OLD\nREL.2\n"}, {"new" + a, "<a/>"}, {"new" + vx41, "<v/>"}, {"new" + stamp, "REL.2\n"}},
+       {"--product=A", "--installed=installed"},
+       {{"/rows/0/installed/provisions", false}, {"/rows/0/installed/version_line_before", "REL.2"},
+        {"/rows/0/installed/version_line_after", "REL.2"}},
+       {"drift"}},
+      {"the hardware configuration parts rows whose starts it lets skip the restart",
+       {{"new/odm_default/odm/etc/odmconfig.xml", "<c><setup_odm><prop_value config_name="
+         "'ro.vendor.hwconfig.completed' config_value='1'><target name='B'><alias>zz</alias></target>"
+         "</prop_value></setup_odm></c>"},
+        {"new" + a, "<a/>"}, {"new" + vx41, "<v/>"}, {"new" + stamp, "2"},
+        {"installed/odmver.txt", "1"}, {"installed/fbe.ini", "file\n"}},
+       {"--product=A", "--installed=installed"},
+       {{"/rows/0/when", "ro.vendor.hwconfig.completed=1"}, {"/rows/0/installed/version_line_after", "2"},
+        {"/rows/1/when", "ro.vendor.hwconfig.completed=(unset)"}, {"/rows/1/installed/version_line_after", "1"}},
+       {}},
+  };
+  for (const CourseCase& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string root = make_root();
+    for (const auto& [path, content] : c.files) put(root + "/" + path, content);
+    std::vector<std::string> args = c.args;
+    args.push_back("new");
+    const std::string cwd = fs::current_path();
+    fs::current_path(root);
+    const json doc = check(args);
+    fs::current_path(cwd);
+    for (const auto& [pointer, value] : c.members) EXPECT_EQ(doc.value(json::json_pointer(pointer), json()), value) << pointer;
+    std::multiset<std::string> codes;
+    for (const auto& f : doc["findings"]) {
+      for (const char* code : {"stamp-not-bumped", "left-behind", "restart-without-change", "model-changed", "drift"}) {
+        if (f["code"] == code) codes.insert(code);
+      }
+    }
+    EXPECT_EQ(codes, c.codes);
+    remove_root(root);
+  }
+}
+
 }  // namespace
