@@ -252,6 +252,7 @@ std::string stamp_of(const std::string& tree, const std::string& product) {
 
 // A device root over the release |tree|, its /odm empty.
 std::string lay_out(const std::string& root, const std::string& tree) {
+  fs::remove_all(root);
   fs::create_directories(root + "/vendor/etc");
   fs::copy(tree, root + "/vendor/etc/odm", fs::copy_options::recursive | fs::copy_options::copy_symlinks);
   return root;
@@ -270,26 +271,25 @@ void give_odm(const std::string& root, const std::string& odm = "") {
 const std::set<std::string> kCourseCodes = {"stamp-not-bumped", "left-behind", "restart-without-change",
                                             "model-changed", "drift"};
 
-// One random case in |dir|: the checker's answer (to |args|), and each row by hand.
-void one_case(unsigned number, const std::string& dir, std::vector<std::string>* command) {
-  Gen g{std::mt19937(number)};
-  const std::string old_tree = dir + "/old", tree = dir + "/new", installed = dir + "/installed";
+// A random case in |dir|: releases in old/ and new/, in most an installed
+// /odm in installed/ that a device of the old release drifted to; the
+// checker's command line.
+std::vector<std::string> make_case(Gen& g, const std::string& dir) {
   const Files old_files = first_release(g);
-  write(old_tree, old_files);
-  write(tree, next_release(g, old_files));
+  write(dir + "/old", old_files);
+  write(dir + "/new", next_release(g, old_files));
   const bool update = g.chance(85);
   std::vector<std::string> args = {TARNWICK_CHECK, "--json"};
-  if (update) args.push_back("--update-from=" + old_tree);
+  if (update) args.push_back("--update-from=" + dir + "/old");
   for (int i = 0, n = g.chance(70) ? 2 + g.pick(3) : 0; i < n; ++i) {
     args.push_back("--product=" + g.one({"p", "q", "r", "q_RU", "A", "B_RU", "C", "VX41", ""}));
   }
-  const std::string old_root = lay_out(dir + "/old-device", old_tree);
-  const std::string root = lay_out(dir + "/device", tree), fresh_root = lay_out(dir + "/fresh", tree);
   if (g.chance(60) || !update) {
-    // A device of the old release that drifted.
-    give_odm(old_root);
-    settle(old_root, {{"ro.vendor.product", g.one(kAliases)}}, "");
-    fs::rename(old_root + "/odm", installed);
+    const std::string root = lay_out(dir + "/drifted", dir + "/old"), installed = dir + "/installed";
+    give_odm(root);
+    settle(root, {{"ro.vendor.product", g.one(kAliases)}}, "");
+    fs::rename(root + "/odm", installed);
+    fs::remove_all(root);
     Files drift;
     if (g.chance(30)) drift["etc/" + g.one(kFiles)] = g.one(kContents);
     if (g.chance(15)) drift["etc/vintf/manifest_p.xml"] = "<manifest/>\n";
@@ -306,18 +306,30 @@ void one_case(unsigned number, const std::string& dir, std::vector<std::string>*
     }
     args.push_back("--installed=" + installed);
   }
-  args.push_back(tree);
-  *command = args;
+  args.push_back(dir + "/new");
+  return args;
+}
+
+// The checker's answer to |args| (the releases |old_tree|, or none, and
+// |tree|; the installed /odm |installed|, or none), every row against the
+// starts by hand of one of its product texts and settings drawn by |g|, or
+// of each when |g| is null. Device roots go in |dir|.
+void compare(Gen* g, const std::vector<std::string>& args, const std::string& old_tree,
+             const std::string& tree, const std::string& installed, const std::string& dir) {
   std::string out;
   run(args, &out);
   const json doc = json::parse(out);
-  const bool with_installed = doc.contains("installed");
-
+  const std::string old_root = old_tree.empty() ? "" : lay_out(dir + "/old-device", old_tree);
+  const std::string root = lay_out(dir + "/device", tree), fresh_root = lay_out(dir + "/fresh", tree);
   std::set<std::pair<std::string, std::string>> implied, found;
   std::vector<size_t> closeness;
   for (const json& row : doc["rows"]) {
-    const std::string product = row["products"][g.pick(row["products"].size())];
-    const size_t s = row["settings"][g.pick(row["settings"].size())];
+    std::vector<std::pair<std::string, size_t>> pairs;
+    for (const std::string product : row["products"]) {
+      for (size_t s : row["settings"]) pairs.emplace_back(product, s);
+    }
+    if (g != nullptr) pairs = {pairs[g->pick(pairs.size())]};
+    for (const auto& [product, s] : pairs) {
     Props props = {{"ro.vendor.product", product}};
     for (const auto& [name, value] : doc["settings"][s].items()) {
       if (!value.is_null()) props[name] = value;
@@ -325,7 +337,7 @@ void one_case(unsigned number, const std::string& dir, std::vector<std::string>*
     SCOPED_TRACE("row " + row.dump() + "\nstarted as: " + json(props).dump());
     give_odm(fresh_root);
     const Device fresh = settle(fresh_root, props, "");
-    if (update) {
+    if (!old_tree.empty()) {
       give_odm(old_root);
       const Device old = settle(old_root, props, "");
       give_odm(root, old_root + "/odm");
@@ -346,7 +358,7 @@ void one_case(unsigned number, const std::string& dir, std::vector<std::string>*
       }
       if (old.model != updated.model) implied.insert({"model-changed", "odm_" + old.model + " > odm_" + updated.model});
     }
-    if (!with_installed) continue;
+    if (installed.empty()) continue;
     fs::remove_all(dir + "/copy");
     fs::copy(installed, dir + "/copy", fs::copy_options::recursive | fs::copy_options::copy_symlinks);
     give_odm(root, dir + "/copy");
@@ -357,10 +369,13 @@ void one_case(unsigned number, const std::string& dir, std::vector<std::string>*
     EXPECT_EQ(row["installed"], member);
     EXPECT_EQ(row["next_start_provisions"], later.provisions);
     const json& against = member["against_new_device"];
-    closeness.push_back(against["lacks"].size() + against["differs"].size() + against["keeps"].size());
+    if (product == pairs[0].first && s == pairs[0].second) {
+      closeness.push_back(against["lacks"].size() + against["differs"].size() + against["keeps"].size());
+    }
     if (!row["installed"]["judged"]) continue;
     if (against["lacks"].size() + against["differs"].size() > 0) implied.insert({"drift", installed});
     if (!against["keeps"].empty()) implied.insert({"left-behind", against["keeps"].dump()});
+    }
   }
   // The installed /odm is judged as a device of the rows it is closest to.
   for (size_t r = 0; r < closeness.size(); ++r) {
@@ -391,8 +406,11 @@ TEST_P(Courses, EveryRowAsStartedByHand) {
     const unsigned number = seed + i;
     fs::remove_all(dir);
     fs::create_directories(dir);
-    std::vector<std::string> args;
-    one_case(number, dir, &args);
+    Gen g{std::mt19937(number)};
+    const std::vector<std::string> args = make_case(g, dir);
+    const bool update = args[2].rfind("--update-from", 0) == 0;
+    compare(&g, args, update ? dir + "/old" : "", dir + "/new",
+            args[args.size() - 2].rfind("--installed", 0) == 0 ? dir + "/installed" : "", dir);
     if (HasFailure()) {
       ADD_FAILURE() << "case " << number << " (--seed " << number << " --cases 1) differs; it is\n"
                     << reproducer(dir, args);
@@ -403,6 +421,40 @@ TEST_P(Courses, EveryRowAsStartedByHand) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Halves, Courses, testing::Values(0, 1));
+
+// The samples, every product text under every setting: the update pair; the
+// sample device's release against one that forgot its stamp, with a device
+// of it as the installed /odm; and two products whose devices start and end
+// alike but for the stale manifest that the new run of one of them removes
+// ("kite" loses its alias, so its run removes manifest_kite.xml).
+TEST(Courses, SamplesAsStartedByHand) {
+  const std::string dir = make_root(), samples = EXAMPLES_DIR;
+  compare(nullptr, {TARNWICK_CHECK, "--json", "--update-from", samples + "/update/old", samples + "/update/new"},
+          samples + "/update/old", samples + "/update/new", "", dir);
+
+  const std::string device = samples + "/device/vendor/etc/odm", tree = dir + "/forgot";
+  fs::copy(device, tree, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  put(tree + "/odm_RK7DS/odm/etc/sensors.conf", "accel_rate=400\n");
+  fs::remove(tree + "/odm_RK7DS/odm/etc/audio_effects.xml");
+  const std::string root = lay_out(dir + "/sample", device);
+  give_odm(root);
+  settle(root, {{"ro.vendor.product", "rook"}, {"ro.boot.hardware.sku", "dual"}}, "");
+  compare(nullptr, {TARNWICK_CHECK, "--json", "--update-from", device, "--installed", root + "/odm", tree}, device,
+          tree, root + "/odm", dir);
+
+  const std::string manifest = "/odm/etc/vintf/manifest.xml";
+  for (const std::string release : {"/old", "/new"}) {
+    put(dir + release + "/odm_default/odm/odmver.txt", release);
+    put(dir + release + "/odm_VX41" + manifest, "<manifest/>\n");
+  }
+  put(dir + "/old/odm_default/odm/etc/odmconfig.xml", "<c><model name='KT1'><alias>kite</alias></model><setup_odm/></c>");
+  put(dir + "/new/odm_default/odm/etc/odmconfig.xml", "<c><setup_odm/></c>");
+  put(dir + "/old/odm_KT1" + manifest, "<manifest/>\n");
+  put(dir + "/old/odm_KT1/odm/etc/manifest_kite.xml", "<manifest/>\n");
+  compare(nullptr, {TARNWICK_CHECK, "--json", "--update-from", dir + "/old", dir + "/new"}, dir + "/old",
+          dir + "/new", "", dir);
+  remove_root(dir);
+}
 
 }  // namespace
 
