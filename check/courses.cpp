@@ -532,61 +532,75 @@ const char* advice(const std::string& code, const std::string& subject) {
   return "make sure these devices are to get the other tree";
 }
 
+// A product text under a setting of a row, and its devices: of the old
+// release, fresh from the factory, updated, and from the installed /odm.
+struct Pair {
+  const std::string* product;
+  size_t setting;
+  const Settled *old, *fresh, *updated, *later;
+};
+
+// The devices of every pair's courses, and the state of the installed /odm;
+// false when a start could not run.
+bool run_devices(const Options& options, Devices* d, std::vector<Pair>* pairs, size_t* from_installed) {
+  const bool update = !options.update_from.empty(), installed = !options.installed.empty();
+  // The rows' answers are those of the configuration the resolution read:
+  // the default, or what prepare_odm put in its place.
+  const auto seed = [&](bool old) {
+    const std::string config = d->has_default ? (old ? "old default" : "default") : own_config(d);
+    for (const Row& row : d->report.rows) {
+      for (const std::string& product : row.products) {
+        for (size_t s : row.settings) {
+          d->answers[key_of({config, std::to_string(s), product})] =
+              old ? row.old_preliminary : row.preliminary;
+        }
+      }
+    }
+  };
+  if (update) {
+    use_release_of(d, true);
+    prepare_odm(options, false);
+    seed(true);
+    const size_t factory = note_state(d);
+    for (Pair& pair : *pairs) {
+      if (!(pair.old = settle(d, factory, pair.setting, *pair.product))) return false;
+    }
+  }
+  use_release_of(d, false);
+  prepare_odm(options, installed);
+  d->held = SIZE_MAX;
+  seed(false);
+  prepare_odm(options, false);
+  const size_t factory = note_state(d);
+  if (installed) {
+    restore_odm(host(kCheckInstalled));
+    *from_installed = note_state(d);
+  }
+  for (Pair& pair : *pairs) {
+    if (!(pair.fresh = settle(d, factory, pair.setting, *pair.product))) return false;
+    if (update && !(pair.updated = settle(d, pair.old->state, pair.setting, *pair.product))) return false;
+    if (installed && !(pair.later = settle(d, *from_installed, pair.setting, *pair.product))) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool examine_courses(const Options& options, Report* report) {
   const bool update = !options.update_from.empty(), installed = !options.installed.empty();
   if (!update && !installed) return true;
   Devices d{options, *report};
-  // The rows' answers are those of the configuration the resolution read:
-  // the default, or what prepare_odm put in place of it.
-  const auto seed = [&](bool old) {
-    const std::string config = d.has_default ? (old ? "old default" : "default") : own_config(&d);
-    for (const Row& row : report->rows) {
-      for (const std::string& product : row.products) {
-        for (size_t s : row.settings) {
-          d.answers[key_of({config, std::to_string(s), product})] = old ? row.old_preliminary : row.preliminary;
-        }
-      }
-    }
-  };
-  // Each product text under each setting of each row: the devices of its courses.
-  struct Pair { size_t row; const std::string* product; size_t setting; const Settled *old, *fresh, *updated, *later; };
   std::vector<Pair> pairs;
-  for (size_t r = 0; r < report->rows.size(); ++r) {
-    for (const std::string& product : report->rows[r].products) {
-      for (size_t s : report->rows[r].settings) pairs.push_back({r, &product, s, nullptr, nullptr, nullptr, nullptr});
+  for (const Row& row : report->rows) {
+    for (const std::string& product : row.products) {
+      for (size_t s : row.settings) pairs.push_back({&product, s, nullptr, nullptr, nullptr, nullptr});
     }
   }
-  if (update) {
-    use_release_of(&d, true);
-    prepare_odm(options, false);
-    seed(true);
-    const size_t factory = note_state(&d);
-    for (Pair& pair : pairs) {
-      if ((pair.old = settle(&d, factory, pair.setting, *pair.product)) == nullptr) return false;
-    }
-  }
-  use_release_of(&d, false);
-  prepare_odm(options, installed);
-  seed(false);
-  d.held = SIZE_MAX;
-  prepare_odm(options, false);
-  const size_t factory = note_state(&d);
   size_t from_installed = 0;
-  if (installed) {
-    restore_odm(host(kCheckInstalled));
-    from_installed = note_state(&d);
-  }
-  for (Pair& pair : pairs) {
-    pair.fresh = settle(&d, factory, pair.setting, *pair.product);
-    if (pair.fresh == nullptr) return false;
-    if (update && (pair.updated = settle(&d, pair.old->state, pair.setting, *pair.product)) == nullptr) return false;
-    if (installed && (pair.later = settle(&d, from_installed, pair.setting, *pair.product)) == nullptr) return false;
-  }
+  if (!run_devices(options, &d, &pairs, &from_installed)) return false;
 
   // Each row parts into rows whose product texts and settings have the same
-  // courses, in the way the resolution merges them.
+  // courses, merged as the resolution merges them.
   std::vector<Row> rows;
   auto next = pairs.begin();
   for (const Row& row : report->rows) {
@@ -602,8 +616,13 @@ bool examine_courses(const Options& options, Report* report) {
           updated->model_before = pair.old->model;
           if (updated->model_after.empty()) updated->model_after = pair.old->model;
         }
-        if (installed) later = course(d, from_installed, *pair.later, *pair.fresh);
-        const std::string key = (updated ? course_key(*updated) : "") + '\n' + (later ? course_key(*later) : "");
+        if (installed) {
+          // Which tree an installed /odm came from nobody knows, nor is it shown.
+          later = course(d, from_installed, *pair.later, *pair.fresh);
+          later->model_after.clear();
+        }
+        const std::string key =
+            (updated ? course_key(*updated) : "") + '\n' + (later ? course_key(*later) : "");
         auto it = std::find_if(groups.begin(), groups.end(), [&](const auto& g) { return g.first == key; });
         if (it == groups.end()) it = groups.insert(groups.end(), {key, {}});
         it->second.push_back(s);
@@ -614,14 +633,13 @@ bool examine_courses(const Options& options, Report* report) {
         for (size_t s : settings) id += '\0' + std::to_string(s);
         auto it = std::find_if(parts.begin(), parts.end(), [&](const auto& p) { return p.first == id; });
         if (it == parts.end()) {
-          Row split = row;
-          split.products.clear();
-          split.settings = settings;
-          if (settings != row.settings) split.when = settings_in_words(*report, settings);
-          split.update = courses[key].first;
-          split.installed = courses[key].second;
-          if (split.installed) split.provisions = split.installed->provisions;
-          it = parts.insert(parts.end(), {id, split});
+          Row part = row;
+          part.products.clear();
+          part.settings = settings;
+          if (settings != row.settings) part.when = settings_in_words(*report, settings);
+          std::tie(part.update, part.installed) = courses[key];
+          if (part.installed) part.provisions = part.installed->provisions;
+          it = parts.insert(parts.end(), {id, part});
         }
         it->second.products.push_back(product);
       }
