@@ -310,18 +310,81 @@ std::vector<std::string> make_case(Gen& g, const std::string& dir) {
   return args;
 }
 
-// The checker's answer to |args| (the releases |old_tree|, or none, and
-// |tree|; the installed /odm |installed|, or none), every row against the
-// starts by hand of one of its product texts and settings drawn by |g|, or
-// of each when |g| is null. Device roots go in |dir|.
-void compare(Gen* g, const std::vector<std::string>& args, const std::string& old_tree,
-             const std::string& tree, const std::string& installed, const std::string& dir) {
+// Where a comparison's devices are: the releases (|old_tree| empty without
+// --update-from), the installed /odm (empty without --installed), and the
+// device roots.
+struct Roots {
+  std::string old_tree, tree, installed, old_root, root, fresh_root, copy;
+};
+
+// The findings a course implies: code, and subject (the files of left-behind
+// as a JSON list).
+using Implied = std::set<std::pair<std::string, std::string>>;
+
+// |row| of |doc| against the devices of |product| under setting |s| started
+// by hand; the findings they imply go into |implied|. Returns how far the
+// installed /odm then is from the new device.
+size_t check_pair(const Roots& r, const json& doc, const json& row, const std::string& product, size_t s,
+                  Implied* implied) {
+  Props props = {{"ro.vendor.product", product}};
+  for (const auto& [name, value] : doc["settings"][s].items()) {
+    if (!value.is_null()) props[name] = value;
+  }
+  SCOPED_TRACE("row " + row.dump() + "\nstarted as: " + json(props).dump());
+  give_odm(r.fresh_root);
+  const Device fresh = settle(r.fresh_root, props, "");
+  if (!r.old_tree.empty()) {
+    give_odm(r.old_root);
+    const Device old = settle(r.old_root, props, "");
+    give_odm(r.root, r.old_root + "/odm");
+    const Device updated = settle(r.root, props, old.model);
+    json member = course(old, updated, fresh);
+    member["model_before"] = old.model;
+    member["model_after"] = updated.model;
+    member["stamp_before"] = stamp_of(r.old_tree, product);
+    EXPECT_EQ(row["update"], member);
+    const json& unlike = member["against_new_device"];
+    const std::string stamp = stamp_of(r.tree, product);
+    if (!updated.provisions && unlike["lacks"].size() + unlike["differs"].size() + unlike["keeps"].size() > 0) {
+      implied->insert({"stamp-not-bumped", stamp});
+    }
+    if (!unlike["keeps"].empty()) implied->insert({"left-behind", unlike["keeps"].dump()});
+    if (updated.provisions && member["adds"].empty() && member["changes"].empty() && member["removes"].empty()) {
+      implied->insert({"restart-without-change", stamp});
+    }
+    if (old.model != updated.model) {
+      implied->insert({"model-changed", "odm_" + old.model + " > odm_" + updated.model});
+    }
+  }
+  if (r.installed.empty()) return 0;
+  fs::remove_all(r.copy);
+  fs::copy(r.installed, r.copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  give_odm(r.root, r.copy);
+  const Device later = settle(r.root, props, "");
+  const Device before{etc_of(r.installed), last_line(get(r.installed + "/odmver.txt")), "", "", false};
+  json member = course(before, later, fresh);
+  member["judged"] = row["installed"]["judged"];
+  EXPECT_EQ(row["installed"], member);
+  EXPECT_EQ(row["next_start_provisions"], later.provisions);
+  const json& against = member["against_new_device"];
+  if (row["installed"]["judged"]) {
+    if (against["lacks"].size() + against["differs"].size() > 0) implied->insert({"drift", r.installed});
+    if (!against["keeps"].empty()) implied->insert({"left-behind", against["keeps"].dump()});
+  }
+  return against["lacks"].size() + against["differs"].size() + against["keeps"].size();
+}
+
+// The checker's answer to |args| over the releases and installed /odm of
+// |r|: every row against the starts by hand of one of its product texts and
+// settings drawn by |g|, or of each when |g| is null.
+void compare(Gen* g, const std::vector<std::string>& args, const Roots& r) {
   std::string out;
   run(args, &out);
   const json doc = json::parse(out);
-  const std::string old_root = old_tree.empty() ? "" : lay_out(dir + "/old-device", old_tree);
-  const std::string root = lay_out(dir + "/device", tree), fresh_root = lay_out(dir + "/fresh", tree);
-  std::set<std::pair<std::string, std::string>> implied, found;
+  if (!r.old_tree.empty()) lay_out(r.old_root, r.old_tree);
+  lay_out(r.root, r.tree);
+  lay_out(r.fresh_root, r.tree);
+  Implied implied, found;
   std::vector<size_t> closeness;
   for (const json& row : doc["rows"]) {
     std::vector<std::pair<std::string, size_t>> pairs;
@@ -330,57 +393,14 @@ void compare(Gen* g, const std::vector<std::string>& args, const std::string& ol
     }
     if (g != nullptr) pairs = {pairs[g->pick(pairs.size())]};
     for (const auto& [product, s] : pairs) {
-    Props props = {{"ro.vendor.product", product}};
-    for (const auto& [name, value] : doc["settings"][s].items()) {
-      if (!value.is_null()) props[name] = value;
-    }
-    SCOPED_TRACE("row " + row.dump() + "\nstarted as: " + json(props).dump());
-    give_odm(fresh_root);
-    const Device fresh = settle(fresh_root, props, "");
-    if (!old_tree.empty()) {
-      give_odm(old_root);
-      const Device old = settle(old_root, props, "");
-      give_odm(root, old_root + "/odm");
-      const Device updated = settle(root, props, old.model);
-      json member = course(old, updated, fresh);
-      member["model_before"] = old.model;
-      member["model_after"] = updated.model;
-      member["stamp_before"] = stamp_of(old_tree, product);
-      EXPECT_EQ(row["update"], member);
-      const json& unlike = member["against_new_device"];
-      const std::string stamp = stamp_of(tree, product);
-      if (!updated.provisions && unlike["lacks"].size() + unlike["differs"].size() + unlike["keeps"].size() > 0) {
-        implied.insert({"stamp-not-bumped", stamp});
-      }
-      if (!unlike["keeps"].empty()) implied.insert({"left-behind", unlike["keeps"].dump()});
-      if (updated.provisions && member["adds"].empty() && member["changes"].empty() && member["removes"].empty()) {
-        implied.insert({"restart-without-change", stamp});
-      }
-      if (old.model != updated.model) implied.insert({"model-changed", "odm_" + old.model + " > odm_" + updated.model});
-    }
-    if (installed.empty()) continue;
-    fs::remove_all(dir + "/copy");
-    fs::copy(installed, dir + "/copy", fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-    give_odm(root, dir + "/copy");
-    const Device later = settle(root, props, "");
-    json member = course(Device{etc_of(installed), last_line(get(installed + "/odmver.txt")), "", "", false},
-                         later, fresh);
-    member["judged"] = row["installed"]["judged"];
-    EXPECT_EQ(row["installed"], member);
-    EXPECT_EQ(row["next_start_provisions"], later.provisions);
-    const json& against = member["against_new_device"];
-    if (product == pairs[0].first && s == pairs[0].second) {
-      closeness.push_back(against["lacks"].size() + against["differs"].size() + against["keeps"].size());
-    }
-    if (!row["installed"]["judged"]) continue;
-    if (against["lacks"].size() + against["differs"].size() > 0) implied.insert({"drift", installed});
-    if (!against["keeps"].empty()) implied.insert({"left-behind", against["keeps"].dump()});
+      const size_t distance = check_pair(r, doc, row, product, s, &implied);
+      if (product == pairs[0].first && s == pairs[0].second) closeness.push_back(distance);
     }
   }
   // The installed /odm is judged as a device of the rows it is closest to.
-  for (size_t r = 0; r < closeness.size(); ++r) {
-    EXPECT_EQ(doc["rows"][r]["installed"]["judged"],
-              closeness[r] == *std::min_element(closeness.begin(), closeness.end())) << r;
+  for (size_t i = 0; !r.installed.empty() && i < closeness.size(); ++i) {
+    EXPECT_EQ(doc["rows"][i]["installed"]["judged"],
+              closeness[i] == *std::min_element(closeness.begin(), closeness.end())) << i;
   }
   for (const json& f : doc["findings"]) {
     if (kCourseCodes.count(f["code"]) == 0) continue;
@@ -398,6 +418,11 @@ void compare(Gen* g, const std::vector<std::string>& args, const std::string& ol
   EXPECT_EQ(found, implied);
 }
 
+Roots roots(const std::string& dir, const std::string& old_tree, const std::string& tree,
+            const std::string& installed) {
+  return {old_tree, tree, installed, dir + "/old-device", dir + "/device", dir + "/fresh", dir + "/copy"};
+}
+
 class Courses : public testing::TestWithParam<int> {};
 
 TEST_P(Courses, EveryRowAsStartedByHand) {
@@ -409,8 +434,8 @@ TEST_P(Courses, EveryRowAsStartedByHand) {
     Gen g{std::mt19937(number)};
     const std::vector<std::string> args = make_case(g, dir);
     const bool update = args[2].rfind("--update-from", 0) == 0;
-    compare(&g, args, update ? dir + "/old" : "", dir + "/new",
-            args[args.size() - 2].rfind("--installed", 0) == 0 ? dir + "/installed" : "", dir);
+    const bool installed = args[args.size() - 2].rfind("--installed", 0) == 0;
+    compare(&g, args, roots(dir, update ? dir + "/old" : "", dir + "/new", installed ? dir + "/installed" : ""));
     if (HasFailure()) {
       ADD_FAILURE() << "case " << number << " (--seed " << number << " --cases 1) differs; it is\n"
                     << reproducer(dir, args);
@@ -430,7 +455,7 @@ INSTANTIATE_TEST_SUITE_P(Halves, Courses, testing::Values(0, 1));
 TEST(Courses, SamplesAsStartedByHand) {
   const std::string dir = make_root(), samples = EXAMPLES_DIR;
   compare(nullptr, {TARNWICK_CHECK, "--json", "--update-from", samples + "/update/old", samples + "/update/new"},
-          samples + "/update/old", samples + "/update/new", "", dir);
+          roots(dir, samples + "/update/old", samples + "/update/new", ""));
 
   const std::string device = samples + "/device/vendor/etc/odm", tree = dir + "/forgot";
   fs::copy(device, tree, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
@@ -439,8 +464,8 @@ TEST(Courses, SamplesAsStartedByHand) {
   const std::string root = lay_out(dir + "/sample", device);
   give_odm(root);
   settle(root, {{"ro.vendor.product", "rook"}, {"ro.boot.hardware.sku", "dual"}}, "");
-  compare(nullptr, {TARNWICK_CHECK, "--json", "--update-from", device, "--installed", root + "/odm", tree}, device,
-          tree, root + "/odm", dir);
+  compare(nullptr, {TARNWICK_CHECK, "--json", "--update-from", device, "--installed", root + "/odm", tree},
+          roots(dir, device, tree, root + "/odm"));
 
   const std::string manifest = "/odm/etc/vintf/manifest.xml";
   for (const std::string release : {"/old", "/new"}) {
@@ -451,8 +476,8 @@ TEST(Courses, SamplesAsStartedByHand) {
   put(dir + "/new/odm_default/odm/etc/odmconfig.xml", "<c><setup_odm/></c>");
   put(dir + "/old/odm_KT1" + manifest, "<manifest/>\n");
   put(dir + "/old/odm_KT1/odm/etc/manifest_kite.xml", "<manifest/>\n");
-  compare(nullptr, {TARNWICK_CHECK, "--json", "--update-from", dir + "/old", dir + "/new"}, dir + "/old",
-          dir + "/new", "", dir);
+  compare(nullptr, {TARNWICK_CHECK, "--json", "--update-from", dir + "/old", dir + "/new"},
+          roots(dir, dir + "/old", dir + "/new", ""));
   remove_root(dir);
 }
 
