@@ -130,6 +130,7 @@ std::string reproducer(const std::string& dir, const std::vector<std::string>& a
   std::string out = "mkdir case && cd case\n";
   for (const std::string sub : {"old", "new", "installed"}) {
     if (!fs::exists(dir + "/" + sub)) continue;
+    out += "mkdir " + sub + "\n";
     for (const auto& entry : fs::recursive_directory_iterator(dir + "/" + sub)) {
       const std::string path = "'" + entry.path().lexically_relative(dir).string() + "'";
       if (entry.is_symlink()) {
