@@ -165,10 +165,11 @@ std::string stale_hits(const std::string& preliminary, const OdmState& state) {
   return hits;
 }
 
-// One device start, known by what it reads: the /odm it starts from, the
-// source stamp, the configuration's answer (the preliminary model) through
-// the stale manifests it finds and the tree of the final model, and the
-// restart decision's inputs. Starts that read alike end alike.
+// One device start, known by what it reads: the /odm it starts from (its
+// installed stamp, configuration and fbe.ini among it), the source stamp,
+// the configuration's answer (the preliminary model) through the stale
+// manifests it finds and the tree of the final model, and the properties it
+// reads and writes. Starts that read alike end alike.
 struct Step {
   size_t next = 0;         // the state it leaves /odm in
   std::string published;   // what it published
@@ -316,20 +317,10 @@ const std::string& source_stamp(Devices* d, const std::string& product) {
   return number = std::to_string(intern(&d->numbers, bytes));
 }
 
-// Whether /odm/fbe.ini of |state| reads as "file", which skips the restart
-// while the hardware configuration is not complete.
-bool file_encryption(Devices* d, size_t state) {
-  if (d->states[state].count("fbe.ini") == 0) return false;
-  std::string& mode = d->texts[key_of({"fbe", std::to_string(d->old), std::to_string(state)})];
-  if (mode.empty()) {
-    hold(d, state);
-    mode = "=" + readData("/odm/fbe.ini");
-  }
-  return mode == "=file";
-}
-
-// The inputs of |product| and setting |s| that no configuration decides: the
-// hardware configuration's emptiness, and the values of what a start writes.
+// The inputs of |product| and setting |s| that no configuration decides:
+// whether the hardware configuration is empty, which with /odm/fbe.ini of the
+// state a start begins from decides whether it skips its restart, and the
+// values of what a start writes.
 std::string pair_inputs(const Devices& d, size_t s, const std::string& product) {
   const auto props = boot_properties(d.options, d.report.settings[s], product);
   const auto value = [&](const char* name) {
@@ -350,10 +341,8 @@ const Step* step(Devices* d, size_t state, size_t s, const std::string& product,
   const std::string& preliminary_model = preliminary(d, config_of(d, state), state, s, product);
   const auto [final_model, tree] = final_tree(d, preliminary_model);
   *model = final_model;
-  const bool skips = file_encryption(d, state) && inputs[0] == '-';
-  const std::string key = key_of({std::to_string(d->old), std::to_string(state),
-                                  source_stamp(d, product), stale_hits(preliminary_model, d->states[state]),
-                                  tree, skips ? "skips" : "", inputs});
+  const std::string key = key_of({std::to_string(d->old), std::to_string(state), source_stamp(d, product),
+                                  stale_hits(preliminary_model, d->states[state]), tree, inputs});
   const auto it = d->steps.find(key);
   if (it != d->steps.end()) return &it->second;
   hold(d, state);
