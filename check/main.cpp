@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "check/check.h"
+#include "check/host_io.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/paths.h"
 #include "tarnwick/platform/host_cutils.h"
@@ -56,7 +57,7 @@ bool readable_dir(const std::string& path) {
 }
 
 int usage_error(const std::string& message) {
-  fprintf(stderr, "tarnwick-check: %s (see --help)\n", message.c_str());
+  fprintf(stderr, "tarnwick-check: %s (see --help)\n", printable(message).c_str());
   return 2;
 }
 
@@ -105,15 +106,6 @@ int parse(int argc, char** argv, Options* options) {
   return -1;
 }
 
-// The directory that becomes /vendor/etc/odm: |dir| itself, or the one inside
-// the device root or vendor directory |dir|.
-std::string tree_of(const std::string& dir) {
-  for (const char* inner : {"vendor/etc/odm", "etc/odm"}) {
-    if (fs::is_directory(fs::path(dir) / inner)) return fs::absolute(fs::path(dir) / inner);
-  }
-  return fs::absolute(dir);
-}
-
 // -1 when |tree|, given as |given|, is a vendor ODM tree; else the exit status
 // after saying what is wrong.
 int check_tree(const std::string& given, const std::string& tree) {
@@ -152,7 +144,7 @@ int check_arguments(const Options& options, const std::string& tree, const std::
 }
 
 // The report and its exit status, over the checker's device.
-int check(const Options& options) {
+int check(const Options& options, const CopyNotes& notes) {
   // The library's own log lines would bury the report.
   android::base::SetMinimumLogSeverity(android::base::FATAL);
   Report report;
@@ -188,6 +180,8 @@ int check(const Options& options) {
     return 2;
   }
   if (!examine_trees(options, &report) || !examine_courses(options, &report)) return 2;
+  add_copy_findings(options, notes, &report);
+  for (const Finding& f : starts_that_did_not_end()) report.findings.push_back(f);
   if (options.json) {
     print_json(options, report);
   } else {
@@ -204,14 +198,11 @@ int main(int argc, char** argv) {
   Options options;
   int status = parse(argc, argv, &options);
   if (status >= 0) return status;
-  const std::string tree = tree_of(options.tree);
-  const std::string old_tree = options.update_from.empty() ? "" : tree_of(options.update_from);
+  const std::string tree = find_tree(options.tree);
+  const std::string old_tree = options.update_from.empty() ? "" : find_tree(options.update_from);
   status = check_arguments(options, tree, old_tree);
   if (status >= 0) return status;
-  std::string error;
-  if (!make_device(options, tree, old_tree, &error)) {
-    fprintf(stderr, "tarnwick-check: %s\n", error.c_str());
-    return 2;
-  }
-  return check(options);
+  CopyNotes notes;
+  make_device(options, tree, old_tree, &notes);
+  return check(options, notes);
 }
