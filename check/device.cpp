@@ -37,9 +37,10 @@ const char kInstalledProgramDir[] = TARNWICK_LIBEXEC_FROM_BIN;
 const char kVersionProperty[] = "ro.vendor.odm.version";
 // Where the platform's restart request is made.
 const char kRestartProperty[] = "sys.powerctl";
-// A start that has neither run, read nor written for this long waits for
-// something that will not come (a FIFO's writer): it is stopped.
-const int kQuietMs = 3000;
+// A start that has slept this long without running, reading or writing
+// waits for something that will not come (a FIFO's writer): it is stopped.
+// A start that wants the processor or waits on the disk is getting on.
+const int kQuietMs = 1000;
 // How often a running start is looked at.
 const int kPollMs = 100;
 // The largest --config read.
@@ -61,12 +62,14 @@ std::string program_path() {
   return self.parent_path() / kProgram;
 }
 
-// What shows that process |pid| gets on: its CPU time, the bytes it has read
-// and written, and whether it waits on the disk. Empty once it is gone.
-std::string progress_of(pid_t pid) {
+// What shows that process |pid| gets on: its CPU time and the bytes it has
+// read and written; and whether it wants the processor or waits on the disk,
+// which is getting on however long it takes. Empty once it is gone.
+std::string progress_of(pid_t pid, bool* busy) {
   const std::string dir = "/proc/" + std::to_string(pid);
   const std::string stat = read_regular(dir + "/stat", 4096);
   const size_t end = stat.rfind(')');
+  *busy = false;
   if (end == std::string::npos) return "";
   std::istringstream fields(stat.substr(end + 2));
   std::string state, field, times;
@@ -74,9 +77,8 @@ std::string progress_of(pid_t pid) {
   for (int i = 4; i <= 15 && fields >> field; ++i) {
     if (i >= 14) times += field + " ";  // utime, stime
   }
-  // Disk sleep is work in progress, however long a flush takes.
-  if (state == "D") return "D " + std::to_string(time(nullptr));
-  std::string io = read_regular(dir + "/io", 4096);
+  *busy = state == "R" || state == "D";
+  const std::string io = read_regular(dir + "/io", 4096);
   return times + io.substr(0, io.find("syscr"));
 }
 
@@ -84,17 +86,15 @@ std::string progress_of(pid_t pid) {
 // wait status in |status|; false when it had to be stopped.
 bool wait_bounded(pid_t pid, int* status) {
   const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  std::string last = progress_of(pid);
+  bool busy;
+  std::string last = progress_of(pid, &busy);
   int quiet = 0;
   for (;;) {
     pollfd ready = {pidfd, POLLIN, 0};
-    if (pidfd < 0 || poll(&ready, 1, kPollMs) != 0) {
-      if (waitpid(pid, status, pidfd < 0 ? WNOHANG : 0) == pid) break;
-      if (pidfd >= 0 && errno != EINTR) break;
-      if (pidfd < 0) usleep(kPollMs * 1000);
-    }
-    const std::string now = progress_of(pid);
-    quiet = now == last ? quiet + kPollMs : 0;
+    if (pidfd < 0) usleep(kPollMs * 1000);
+    if ((pidfd < 0 || poll(&ready, 1, kPollMs) > 0) && waitpid(pid, status, WNOHANG) == pid) break;
+    const std::string now = progress_of(pid, &busy);
+    quiet = now == last && !busy ? quiet + kPollMs : 0;
     last = now;
     if (quiet >= kQuietMs) {
       kill(pid, SIGKILL);
@@ -213,7 +213,7 @@ std::vector<Finding> starts_that_did_not_end() {
         {noted.code, true, "device starts",
          noted.code == "start-hangs"
              ? count + " stopped getting on and did not end (stopped after " +
-                   std::to_string(kQuietMs / 1000) + " s): " + join(starts, 4)
+                   std::to_string(kQuietMs / 1000) + " s asleep): " + join(starts, 4)
              : count + " ended abnormally (" + noted.message + "): " + join(starts, 4),
          "see the special-file and unreadable findings; tools/run-device runs such a start on a "
          "copy of the tree and shows its log"});
