@@ -8,9 +8,9 @@
 #include <limits.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -328,15 +328,26 @@ bool start_program(const Options& options, const Setting& setting, const std::st
   std::vector<char*> cargv;
   for (std::string& arg : argv) cargv.push_back(arg.data());
   cargv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t pid;
+  // The start goes with the checker, however the checker ends: a start that
+  // waits on a FIFO would otherwise wait for ever.
+  const pid_t parent = getpid();
+  int report[2];
+  if (pipe2(report, O_CLOEXEC) != 0) fail(std::string("cannot start the program: ") + strerror(errno));
+  const pid_t pid = fork();
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (getppid() != parent || null < 0 || dup2(null, 0) < 0 || dup2(null, 1) < 0 || dup2(null, 2) < 0) _exit(127);
+    execvp(cargv[0], cargv.data());
+    const int error = errno;
+    if (write(report[1], &error, sizeof(error)) < 0) _exit(127);
+    _exit(127);
+  }
+  close(report[1]);
+  int spawned = pid < 0 ? errno : 0;
+  if (pid > 0 && read(report[0], &spawned, sizeof(spawned)) == sizeof(spawned)) waitpid(pid, nullptr, 0);
+  close(report[0]);
   int status = 0;
-  const int spawned = posix_spawnp(&pid, cargv[0], &actions, nullptr, cargv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
   if (spawned != 0) {
     fprintf(stderr, "tarnwick-check: cannot run %s: %s; %s\n", printable(argv[0]).c_str(),
             strerror(spawned),

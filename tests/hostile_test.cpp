@@ -7,6 +7,8 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -211,3 +213,36 @@ TEST(Hostile, EndsInBoundsAndStaysInside) {
 }
 
 }  // namespace
+
+// A run killed outright leaves its scratch root behind; the next run in the
+// same TMPDIR removes it, and leaves a live run's alone.
+TEST(Hostile, KilledRunsLeaveNothingForLong) {
+  const std::string dir = make_root(), tmp = dir + "/tmp";
+  fs::create_directories(tmp);
+  const std::string t = tree(dir);
+  replace(t + "/odm_default/odm/odmver.txt", [&] { mkfifo((t + "/odm_default/odm/odmver.txt").c_str(), 0644); });
+  const auto scratch_roots = [&] { return std::distance(fs::directory_iterator(tmp), fs::directory_iterator()); };
+  // Two runs that hang in their starts: one is killed, the other lives on.
+  std::vector<pid_t> runs;
+  for (int i = 0; i < 2; ++i) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      setenv("TMPDIR", tmp.c_str(), 1);
+      execl(TARNWICK_CHECK, TARNWICK_CHECK, t.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    runs.push_back(pid);
+    while (scratch_roots() < i + 1) usleep(10000);
+  }
+  kill(runs[0], SIGKILL);
+  waitpid(runs[0], nullptr, 0);
+  EXPECT_EQ(scratch_roots(), 2);
+  EXPECT_EQ(spawn({"env", "TMPDIR=" + tmp, TARNWICK_CHECK, std::string(EXAMPLES_DIR) + "/device"},
+                  "/dev/null", "/dev/null"),
+            0);
+  EXPECT_EQ(scratch_roots(), 1) << "the killed run's root is gone, the live one's stays";
+  kill(runs[1], SIGTERM);
+  waitpid(runs[1], nullptr, 0);
+  EXPECT_EQ(scratch_roots(), 0) << "a run ended by SIGTERM removes its own";
+  remove_root(dir);
+}
