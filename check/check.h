@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -34,6 +35,44 @@ struct Options {
   std::map<std::string, std::string> props;          // --prop NAME=VALUE
   bool json = false;
   bool strict = false;
+  std::string sarif;  // --sarif FILE, or empty
+  // Where the tree checked and the old release's tree stand inside the
+  // inputs as given ("vendor/etc/odm" in a device root; empty: the input).
+  std::string tree_inner, update_from_inner;
+};
+
+// What a finding code means, for tools that describe rules apart from
+// results (rules.cpp).
+struct Rule {
+  const char* code;
+  bool error;  // its usual severity
+  const char* brief;
+  const char* full;
+  const char* help;
+};
+const std::vector<Rule>& rules();
+
+// Which input a finding's location lies in: the JSON document's "input"
+// names, and (upper case) the SARIF log's base ids.
+inline constexpr char kInTree[] = "tree";              // VENDOR_ODM_DIR
+inline constexpr char kInUpdateFrom[] = "update_from";  // --update-from
+inline constexpr char kInInstalled[] = "installed";    // --installed
+inline constexpr char kInConfig[] = "config";          // --config
+
+// Where a finding's cause stands: a file of one of the inputs, relative to
+// the tree that input holds (the directory that becomes /vendor/etc/odm, or
+// the installed /odm; nothing for --config, which is the file itself), and
+// the line in it when known (0: the file as a whole).
+struct Location {
+  std::string input;
+  std::string file;
+  int line = 0;
+  bool operator<(const Location& o) const {
+    return std::tie(input, file, line) < std::tie(o.input, o.file, o.line);
+  }
+  bool operator==(const Location& o) const {
+    return input == o.input && file == o.file && line == o.line;
+  }
 };
 
 struct Finding {
@@ -42,6 +81,7 @@ struct Finding {
   std::string subject;
   std::string message;
   std::string advice;
+  std::vector<Location> locations;
 };
 
 // A value of each tested property, in name order; nullopt: unset.
@@ -98,6 +138,11 @@ struct Stamp {
 
 struct Report {
   std::string config;                                        // which configuration, in words
+  Location config_file;                                      // and where it lies
+  // The lines of the configuration's elements: "model alias", "target
+  // alias", "model" or "target", a zero byte, and the alias text or the
+  // name -> the lines that hold it.
+  std::map<std::string, std::vector<int>> config_lines;
   // The tested properties and the values each takes (nullopt: unset).
   std::vector<std::pair<std::string, std::vector<std::optional<std::string>>>> tested;
   std::vector<Setting> settings;
@@ -111,7 +156,11 @@ struct Report {
 // Words every part of the report uses (words.cpp).
 // Adds a finding to |report|.
 void add_finding(Report* report, std::string code, bool error, std::string subject,
-                 std::string message, std::string advice);
+                 std::string message, std::string advice, std::vector<Location> locations = {});
+// The location of file |path| of the tree checked (relative to it), and of
+// |path| under /vendor/etc/odm.
+Location in_tree_file(const std::string& path, int line = 0);
+Location vendor_file(const std::string& device_path);
 // |path| under /vendor/etc/odm, relative to it.
 std::string in_tree(const std::string& path);
 // |text| as it is when it is a plain name, else in quotes with bytes other
@@ -188,6 +237,10 @@ bool restart_requested();
 // The document at /odm/etc/odmconfig.xml: findings, and the property tests of
 // its blocks (property name -> values named).
 std::map<std::string, std::set<std::string>> scan_config(const std::string& label, Report* report);
+// The locations in the configuration of the elements that hold |kind|
+// (as in Report::config_lines) |text|.
+std::vector<Location> config_locations(const Report& report, const std::string& kind,
+                                       const std::string& text);
 // The policy type of a property that a vendor service reads as empty on a
 // device, or null; |never| tells whether no rule can change that.
 const char* unreadable_type(const std::string& name, bool* never);
@@ -208,6 +261,11 @@ bool examine_courses(const Options& options, Report* report);
 
 // |document| as text, every text member kept byte for byte (json_text.cpp).
 std::string json_text(const nlohmann::json& document);
+
+// The locations of |finding|, as the JSON document gives them.
+nlohmann::json locations_json(const Options& options, const Finding& finding);
+// Writes the SARIF log of |report| to --sarif's file; ends the checker when it cannot.
+void write_sarif(const Options& options, const Report& report);
 
 void print_text(const Options& options, const Report& report);
 void print_json(const Options& options, const Report& report);

@@ -117,7 +117,7 @@ void start_finding(const std::string& code, const std::string& start, const std:
       return;
     }
   }
-  start_findings.push_back({code, true, start, how, ""});
+  start_findings.push_back({code, true, start, how, "", {}});
 }
 
 // The bytes of --config |path|. One inside |tree| is read as a device would
@@ -216,7 +216,8 @@ std::vector<Finding> starts_that_did_not_end() {
                    std::to_string(kQuietMs / 1000) + " s asleep): " + join(starts, 4)
              : count + " ended abnormally (" + noted.message + "): " + join(starts, 4),
          "see the special-file and unreadable findings; tools/run-device runs such a start on a "
-         "copy of the tree and shows its log"});
+         "copy of the tree and shows its log",
+         {}});
   }
   return findings;
 }

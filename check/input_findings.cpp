@@ -38,6 +38,13 @@ std::string effect(const std::string& what) {
 
 std::string where(const CopyNote& note) { return note.input.empty() ? note.path : note.input + "/" + note.path; }
 
+Location location(const Options& options, const CopyNote& note) {
+  return {note.input.empty()                                      ? kInTree
+          : !options.installed.empty() && note.input == options.installed ? kInInstalled
+                                                                   : kInUpdateFrom,
+          note.path, 0};
+}
+
 }  // namespace
 
 void add_copy_findings(const Options& options, const CopyNotes& notes, Report* report) {
@@ -45,7 +52,8 @@ void add_copy_findings(const Options& options, const CopyNotes& notes, Report* r
     add_finding(report, "unreadable", true, where(note),
                 "cannot be read (" + note.what + "): the checker's starts cannot read it either, "
                 "so this report need not be what a device does with it",
-                "make it readable, or run the checker as a user who may read it");
+                "make it readable, or run the checker as a user who may read it",
+                {location(options, note)});
   }
   for (const CopyNote& note : notes.special) {
     const bool installed = !options.installed.empty() && note.input == options.installed;
@@ -56,6 +64,6 @@ void add_copy_findings(const Options& options, const CopyNotes& notes, Report* r
                     (device ? "; the checker does not copy device files, so its answers are "
                               "those of a tree without it"
                             : ""),
-                "ship a regular file in its place");
+                "ship a regular file in its place", {location(options, note)});
   }
 }

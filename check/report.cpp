@@ -237,7 +237,7 @@ void print_json(const Options& options, const Report& report) {
   for (const Finding& f : report.findings) {
     doc["findings"].push_back({{"code", f.code}, {"severity", f.error ? "error" : "warning"},
                                {"subject", f.subject}, {"message", f.message},
-                               {"advice", f.advice}});
+                               {"advice", f.advice}, {"locations", locations_json(options, f)}});
   }
   doc["errors"] = count(report, true);
   doc["warnings"] = count(report, false);

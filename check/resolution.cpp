@@ -137,9 +137,14 @@ void erase_unreadable(std::set<std::string>* products, Report* report) {
       continue;
     }
     if (report != nullptr && (it->find('/') != std::string::npos || it->find("..") != std::string::npos)) {
+      std::vector<Location> where;
+      for (const char* kind : {"model alias", "target alias", "model", "target"}) {
+        for (const Location& l : config_locations(*report, kind, *it)) where.push_back(l);
+      }
+      if (where.empty()) where.push_back(in_tree_file("odm_" + it->substr(0, it->find('/'))));
       add_finding(report, "path-product", false, "product text " + shown(*it),
                   "holds \"/\" or \"..\": the paths built from it leave odm_" + *it,
-                  "use product texts that are plain names");
+                  "use product texts that are plain names", where);
     }
     ++it;
   }
@@ -235,13 +240,14 @@ void check_aliases(const Tables& tables, Report* report) {
           add_finding(report, "long-alias", false, "alias " + shown(alias.substr(0, 40) + "..."),
                       "is " + std::to_string(alias.size()) +
                           " bytes long: no product text can match it (at most 91 bytes)",
-                      "shorten the alias");
+                      "shorten the alias", config_locations(*report, kind + " alias", alias));
         }
         if (!alias.empty() && trimmed(alias) != alias) {
           add_finding(report, "alias-whitespace", false, "alias " + shown(alias),
                       "has blanks or line breaks around its text, which a product text must "
                       "then carry too",
-                      "write it as <alias>" + trimmed(alias) + "</alias>");
+                      "write it as <alias>" + trimmed(alias) + "</alias>",
+                      config_locations(*report, kind + " alias", alias));
         }
         if (keys.size() < 2) continue;
         std::string names;
@@ -252,7 +258,7 @@ void check_aliases(const Tables& tables, Report* report) {
                     "stands under the " + kind + "s " + names + "; " +
                         shown(first_entry_with(*table, alias)->first) +
                         " wins, by name order, not by order in the file",
-                    "keep each alias under one " + kind);
+                    "keep each alias under one " + kind, config_locations(*report, kind + " alias", alias));
       }
     }
   }
@@ -280,7 +286,8 @@ void check_names(const Tables& tables, Finals* finals, Report* report) {
                 (tree ? "its tree odm_" + name + " has no vintf/manifest.xml"
                       : "has no tree odm_" + name) +
                     ": its devices get odm_" + instead,
-                tree ? "add the manifest to the tree" : "add the tree, or fix the name");
+                tree ? "add the manifest to the tree" : "add the tree, or fix the name",
+                config_locations(*report, kind, name));
   }
 }
 

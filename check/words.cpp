@@ -92,10 +92,16 @@ std::string printable(const std::string& text) {
 }
 
 void add_finding(Report* report, std::string code, bool error, std::string subject,
-                 std::string message, std::string advice) {
+                 std::string message, std::string advice, std::vector<Location> locations) {
+  std::sort(locations.begin(), locations.end());
+  locations.erase(std::unique(locations.begin(), locations.end()), locations.end());
   report->findings.push_back({std::move(code), error, std::move(subject), std::move(message),
-                              std::move(advice)});
+                              std::move(advice), std::move(locations)});
 }
+
+Location in_tree_file(const std::string& path, int line) { return {kInTree, path, line}; }
+
+Location vendor_file(const std::string& device_path) { return in_tree_file(in_tree(device_path)); }
 
 std::string in_tree(const std::string& path) {
   return path.substr(fs::path(kModelTreePrefix).parent_path().string().size() + 1);
