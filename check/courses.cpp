@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "check/check.h"
+#include "check/host_io.h"
 #include "tarnwick/config/config.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/paths.h"
@@ -42,12 +43,19 @@ const int kMaxDepth = 8;
 // directories that are missing.
 using OdmState = std::map<std::string, std::string>;
 
-// The bytes of host file |path|, or nothing when it cannot be read.
+// The bytes of host file |path| in the device root as a start reads them:
+// links resolved inside the root, a FIFO found empty; at most 1 MiB.
 std::string bytes_of(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream bytes;
-  bytes << in.rdbuf();
-  return bytes.str();
+  const std::string root = host("");
+  const std::string device = path.rfind(root + "/", 0) == 0 ? path.substr(root.size()) : path;
+  std::string bytes;
+  if (UniqueFile file = open_file(device, "r")) {
+    char buf[65536];
+    for (size_t n; bytes.size() < (1 << 20) && (n = fread(buf, 1, sizeof(buf), file.get())) > 0;) {
+      bytes.append(buf, n);
+    }
+  }
+  return bytes;
 }
 
 // Adds to |out| what a start can read of the device directory |dir|: every
@@ -71,10 +79,7 @@ void fingerprint(const std::string& dir, int depth, std::string* out) {
     if (is_directory(path)) {
       if (depth > 0) fingerprint(path, depth - 1, out);
     } else if (UniqueFile file = open_file(path, "r")) {
-      std::ostringstream bytes;
-      char buf[65536];
-      for (size_t n; (n = fread(buf, 1, sizeof(buf), file.get())) > 0;) bytes.write(buf, n);
-      *out += std::to_string(bytes.str().size()) + '\0' + bytes.str();
+      *out += digest_of(fileno(file.get()));
     }
     *out += '\n';
   }
@@ -101,7 +106,9 @@ OdmState read_state(const std::string& dir, std::string* identity) {
     if (status.type() == fs::file_type::symlink) {
       what += fs::read_symlink(path, ec).string();
     } else if (status.type() == fs::file_type::regular) {
-      what += bytes_of(path);
+      const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+      what += fd < 0 ? std::string("unreadable") : digest_of(fd);
+      if (fd >= 0) close(fd);
     }
     const std::string name = path.lexically_relative(dir).string();
     if (directory) dir_modes[name] = static_cast<int>(status.permissions());
@@ -238,15 +245,10 @@ void hold(Devices* d, size_t state) {
   d->held = state;
 }
 
-// The configuration /odm holds, by its bytes as a start reads them.
+// The configuration /odm holds, by the digest of its bytes as a start reads them.
 std::string own_config(Devices* d) {
-  std::string bytes = "<none>";
-  if (UniqueFile file = open_file(kConfigPath, "r")) {
-    std::ostringstream text;
-    for (int c; (c = getc(file.get())) != EOF;) text.put(static_cast<char>(c));
-    bytes = "=" + text.str();
-  }
-  return "own " + std::to_string(intern(&d->numbers, bytes));
+  const UniqueFile file = open_file(kConfigPath, "r");
+  return "own " + std::to_string(intern(&d->numbers, file ? "=" + digest_of(fileno(file.get())) : "<none>"));
 }
 
 // The configuration a provisioning run over |state| reads: the release's
@@ -303,18 +305,13 @@ std::pair<std::string, std::string> final_tree(Devices* d, const std::string& mo
   return {final_model, tree};
 }
 
-// The source stamp a start of |product| reads, by its bytes.
+// The source stamp a start of |product| reads, by the digest of its bytes.
 const std::string& source_stamp(Devices* d, const std::string& product) {
   std::string& number = d->texts[key_of({"stamp", std::to_string(d->old), product})];
   if (!number.empty()) return number;
   const std::string sku = sku_stamp_path(product);
-  std::string bytes = "<none>";
-  if (UniqueFile file = open_file(exists_file(sku) ? sku : kDefaultStampPath, "r")) {
-    std::ostringstream text;
-    for (int c; (c = getc(file.get())) != EOF;) text.put(static_cast<char>(c));
-    bytes = "=" + text.str();
-  }
-  return number = std::to_string(intern(&d->numbers, bytes));
+  const UniqueFile file = open_file(exists_file(sku) ? sku : kDefaultStampPath, "r");
+  return number = std::to_string(intern(&d->numbers, file ? "=" + digest_of(fileno(file.get())) : "<none>"));
 }
 
 // The inputs of |product| and setting |s| that no configuration decides:

@@ -6,11 +6,13 @@
 #include <dirent.h>
 #include <errno.h>
 #include <getopt.h>
+#include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
 #include "check/check.h"
+#include "check/host_io.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/paths.h"
 #include "tarnwick/platform/host_cutils.h"
@@ -42,6 +44,8 @@ Options:
                      devices run now: tell what taking this one does to
                      them, against new devices of this one
   --json             print one JSON document instead of the report
+  --sarif FILE       also write the findings to FILE as a SARIF 2.1.0 log,
+                     each located in the inputs' files (and lines)
   --strict           warnings fail too
   --version          print the version and exit
   -h, --help         show this text
@@ -56,7 +60,7 @@ bool readable_dir(const std::string& path) {
 }
 
 int usage_error(const std::string& message) {
-  fprintf(stderr, "tarnwick-check: %s (see --help)\n", message.c_str());
+  fprintf(stderr, "tarnwick-check: %s (see --help)\n", printable(message).c_str());
   return 2;
 }
 
@@ -65,7 +69,7 @@ int parse(int argc, char** argv, Options* options) {
   static const option kLong[] = {
       {"config", required_argument, nullptr, 'c'}, {"product", required_argument, nullptr, 'p'},
       {"prop", required_argument, nullptr, 'P'},   {"installed", required_argument, nullptr, 'i'},
-      {"update-from", required_argument, nullptr, 'u'},
+      {"update-from", required_argument, nullptr, 'u'}, {"sarif", required_argument, nullptr, 'S'},
       {"json", no_argument, nullptr, 'j'},         {"strict", no_argument, nullptr, 's'},
       {"help", no_argument, nullptr, 'h'},         {"version", no_argument, nullptr, 'V'},
       {nullptr, 0, nullptr, 0}};
@@ -77,6 +81,7 @@ int parse(int argc, char** argv, Options* options) {
       case 'c': options->config = arg; break;
       case 'i': options->installed = arg; break;
       case 'u': options->update_from = arg; break;
+      case 'S': options->sarif = arg; break;
       case 'j': options->json = true; break;
       case 's': options->strict = true; break;
       case 'h': fputs(kUsage, stdout); return 0;
@@ -105,13 +110,12 @@ int parse(int argc, char** argv, Options* options) {
   return -1;
 }
 
-// The directory that becomes /vendor/etc/odm: |dir| itself, or the one inside
-// the device root or vendor directory |dir|.
-std::string tree_of(const std::string& dir) {
-  for (const char* inner : {"vendor/etc/odm", "etc/odm"}) {
-    if (fs::is_directory(fs::path(dir) / inner)) return fs::absolute(fs::path(dir) / inner);
-  }
-  return fs::absolute(dir);
+// Where |tree| stands inside |given|, as a relative path; empty when it is |given|.
+std::string inner_path(const std::string& given, const std::string& tree) {
+  char real[PATH_MAX];
+  if (given.empty() || realpath(given.c_str(), real) == nullptr) return "";
+  const std::string top = std::string(real) + "/";
+  return tree.rfind(top, 0) == 0 ? tree.substr(top.size()) : "";
 }
 
 // -1 when |tree|, given as |given|, is a vendor ODM tree; else the exit status
@@ -152,7 +156,7 @@ int check_arguments(const Options& options, const std::string& tree, const std::
 }
 
 // The report and its exit status, over the checker's device.
-int check(const Options& options) {
+int check(const Options& options, const CopyNotes& notes) {
   // The library's own log lines would bury the report.
   android::base::SetMinimumLogSeverity(android::base::FATAL);
   Report report;
@@ -163,11 +167,15 @@ int check(const Options& options) {
                             : installed_config ? options.installed + "/etc/odmconfig.xml"
                                                : "";
   report.config = label.empty() ? "none" : label;
+  report.config_file = !options.config.empty()       ? Location{kInConfig, "", 0}
+                       : exists_file(kDefaultConfigPath) ? vendor_file(kDefaultConfigPath)
+                       : installed_config                ? Location{kInInstalled, "etc/odmconfig.xml", 0}
+                                                         : vendor_file(kDefaultConfigPath);
   if (label.empty()) {
     add_finding(&report, "no-config", false, "odm_default/odm/etc/odmconfig.xml",
                 "is missing: a provisioning run reads whatever /odm/etc/odmconfig.xml holds, "
                 "here nothing, so every product text is its own model",
-                "ship the configuration in odm_default");
+                "ship the configuration in odm_default", {report.config_file});
   }
   prepare_odm(options, !options.installed.empty());
   auto tests = label.empty() ? std::map<std::string, std::set<std::string>>()
@@ -188,11 +196,23 @@ int check(const Options& options) {
     return 2;
   }
   if (!examine_trees(options, &report) || !examine_courses(options, &report)) return 2;
+  add_copy_findings(options, notes, &report);
+  // A start that did not end is about the special and unreadable entries,
+  // when the inputs hold some, else about the tree's configuration.
+  std::vector<Location> suspects;
+  for (const Finding& f : report.findings) {
+    if (f.code == "special-file" || f.code == "unreadable") suspects.push_back(f.locations[0]);
+  }
+  if (suspects.empty()) suspects.push_back(report.config_file);
+  for (Finding f : starts_that_did_not_end()) {
+    add_finding(&report, f.code, f.error, f.subject, f.message, f.advice, suspects);
+  }
   if (options.json) {
     print_json(options, report);
   } else {
     print_text(options, report);
   }
+  if (!options.sarif.empty()) write_sarif(options, report);
   const bool errors = std::any_of(report.findings.begin(), report.findings.end(),
                                   [](const Finding& f) { return f.error; });
   return errors || (options.strict && !report.findings.empty()) ? 1 : 0;
@@ -204,14 +224,13 @@ int main(int argc, char** argv) {
   Options options;
   int status = parse(argc, argv, &options);
   if (status >= 0) return status;
-  const std::string tree = tree_of(options.tree);
-  const std::string old_tree = options.update_from.empty() ? "" : tree_of(options.update_from);
+  const std::string tree = find_tree(options.tree);
+  const std::string old_tree = options.update_from.empty() ? "" : find_tree(options.update_from);
+  options.tree_inner = inner_path(options.tree, tree);
+  options.update_from_inner = inner_path(options.update_from, old_tree);
   status = check_arguments(options, tree, old_tree);
   if (status >= 0) return status;
-  std::string error;
-  if (!make_device(options, tree, old_tree, &error)) {
-    fprintf(stderr, "tarnwick-check: %s\n", error.c_str());
-    return 2;
-  }
-  return check(options);
+  CopyNotes notes;
+  make_device(options, tree, old_tree, &notes);
+  return check(options, notes);
 }
