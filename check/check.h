@@ -117,12 +117,15 @@ std::string comma_list(const std::vector<std::string>& texts);
 // |texts| shown, at most |limit| of them, and how many more.
 std::string join(const std::vector<std::string>& texts, size_t limit = 6);
 
-// The scratch device (device.cpp). make_device copies |tree| (the directory
+// The scratch device (device.cpp). make_scratch makes its root (removed at
+// exit, and on SIGINT, SIGTERM and SIGHUP), where packages and images are
+// read; false with |error| set when it cannot. make_device copies |tree| (the directory
 // that becomes /vendor/etc/odm), |old_tree| (the old release, when not empty)
 // and what |options| name into a new device root and points TARNWICK_ROOT at
 // it; nothing of the program's library may run before, or it would look up
-// paths on the host. False with |error| set when it cannot. The root is
-// removed at exit, and on SIGINT, SIGTERM and SIGHUP.
+// paths on the host. False with |error| set when it cannot. A tree that
+// lies in the scratch root already is moved, not copied.
+bool make_scratch(std::string* error);
 bool make_device(const Options& options, const std::string& tree, const std::string& old_tree,
                  std::string* error);
 // Device path |path| on the host, for what the checker itself lays out there.

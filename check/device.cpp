@@ -18,6 +18,7 @@
 #include <sstream>
 
 #include "check/check.h"
+#include "check/release_tree.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/paths.h"
 #include "tarnwick/platform/platform.h"
@@ -39,38 +40,13 @@ bool old_release_in_place = false;
 std::string root_path;
 char removal_path[PATH_MAX];
 
-// Removes |name| in |dir| with everything under it, by system calls alone, so
-// that a signal handler may do it.
-void remove_at(int dir, const char* name) {
-  if (unlinkat(dir, name, 0) == 0) return;
-  const int fd = openat(dir, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return;
-  char buf[4096];
-  for (bool removed = true; removed;) {
-    removed = false;
-    lseek(fd, 0, SEEK_SET);
-    for (ssize_t n; (n = getdents64(fd, buf, sizeof(buf))) > 0;) {
-      for (ssize_t at = 0; at < n;) {
-        const auto* entry = reinterpret_cast<const dirent64*>(buf + at);
-        at += entry->d_reclen;
-        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-        remove_at(fd, entry->d_name);
-        removed = true;
-      }
-    }
-  }
-  close(fd);
-  unlinkat(dir, name, AT_REMOVEDIR);
-}
-
 void remove_device() {
-  std::error_code ec;
-  if (!root_path.empty()) fs::remove_all(root_path, ec);
+  if (!root_path.empty()) remove_tree(root_path.c_str());
 }
 
 // An interrupted check leaves no scratch root behind.
 void on_signal(int sig) {
-  remove_at(AT_FDCWD, removal_path);
+  remove_tree(removal_path);
   signal(sig, SIG_DFL);
   raise(sig);
 }
@@ -114,8 +90,7 @@ std::string program_path() {
 
 }  // namespace
 
-bool make_device(const Options& options, const std::string& tree, const std::string& old_tree,
-                 std::string* error) {
+bool make_scratch(std::string* error) {
   std::string path = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
   path += "/tarnwick-check.XXXXXX";
   if (mkdtemp(path.data()) == nullptr || path.size() >= sizeof(removal_path)) {
@@ -131,17 +106,30 @@ bool make_device(const Options& options, const std::string& tree, const std::str
   for (const char* dir : {"/vendor/etc", "/odm", "/dev/__properties__", "/tarnwick-check"}) {
     fs::create_directories(host(dir), ec);
   }
+  return true;
+}
+
+bool make_device(const Options& options, const std::string& tree, const std::string& old_tree,
+                 std::string* error) {
+  const std::string& path = root_path;
+  std::error_code ec;
   std::ofstream(host("/dev/kmsg"));
   const std::string odm_dir = fs::path(kModelTreePrefix).parent_path();
-  copy_tree(tree, host(odm_dir));
+  // A tree read from a package or an image lies in the scratch root already.
+  auto place = [](const std::string& from, const std::string& to) {
+    if (from.compare(0, root_path.size() + 1, root_path + "/") == 0) return move_tree(from, to);
+    copy_tree(from, to);
+    return true;
+  };
+  bool placed = place(tree, host(odm_dir));
   if (!options.config.empty()) {
     const bool own = fs::is_regular_file(host(kDefaultConfigPath));
     fs::copy_file(options.config, host(own ? kDefaultConfigPath : kCheckConfig),
                   fs::copy_options::overwrite_existing, ec);
   }
   if (!options.installed.empty()) copy_tree(options.installed, host(kCheckInstalled));
-  if (!old_tree.empty()) copy_tree(old_tree, host(kCheckOtherRelease));
-  if (ec || !fs::is_directory(host(odm_dir))) {
+  if (!old_tree.empty()) placed = place(old_tree, host(kCheckOtherRelease)) && placed;
+  if (ec || !placed || !fs::is_directory(host(odm_dir))) {
     *error = "cannot copy the tree into " + path + (ec ? ": " + ec.message() : "");
     return false;
   }

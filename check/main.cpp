@@ -8,9 +8,11 @@
 #include <getopt.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "check/check.h"
+#include "check/release_input.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/paths.h"
 #include "tarnwick/platform/host_cutils.h"
@@ -105,15 +107,6 @@ int parse(int argc, char** argv, Options* options) {
   return -1;
 }
 
-// The directory that becomes /vendor/etc/odm: |dir| itself, or the one inside
-// the device root or vendor directory |dir|.
-std::string tree_of(const std::string& dir) {
-  for (const char* inner : {"vendor/etc/odm", "etc/odm"}) {
-    if (fs::is_directory(fs::path(dir) / inner)) return fs::absolute(fs::path(dir) / inner);
-  }
-  return fs::absolute(dir);
-}
-
 // -1 when |tree|, given as |given|, is a vendor ODM tree; else the exit status
 // after saying what is wrong.
 int check_tree(const std::string& given, const std::string& tree) {
@@ -198,17 +191,45 @@ int check(const Options& options) {
   return errors || (options.strict && !report.findings.empty()) ? 1 : 0;
 }
 
+// Reads the release given as |given| into scratch directory |dir|; false
+// after saying why it cannot, |option| naming where it was given.
+bool read_input(const std::string& option, const std::string& given, const char* dir,
+                ReleaseInput* release) {
+  std::string error;
+  if (mkdir(host(dir).c_str(), 0700) != 0 || !read_release(given, host(dir), release, &error)) {
+    fprintf(stderr, "tarnwick-check: %s%s\n", option.c_str(),
+            error.empty() ? ("cannot make " + host(dir)).c_str() : error.c_str());
+    return false;
+  }
+  for (const auto& [name, why] : release->unmade) {
+    fprintf(stderr, "tarnwick-check: %s%s: %s is %s: left out of the check\n", option.c_str(),
+            shown(given).c_str(), shown(name).c_str(), why.c_str());
+  }
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Options options;
   int status = parse(argc, argv, &options);
   if (status >= 0) return status;
-  const std::string tree = tree_of(options.tree);
-  const std::string old_tree = options.update_from.empty() ? "" : tree_of(options.update_from);
+  std::string error;
+  // Packages and images are read into the scratch root, so it comes first.
+  if (!make_scratch(&error)) {
+    fprintf(stderr, "tarnwick-check: %s\n", error.c_str());
+    return 2;
+  }
+  ReleaseInput release, old_release;
+  if (!read_input("", options.tree, "/tarnwick-check/release", &release) ||
+      (!options.update_from.empty() &&
+       !read_input("--update-from ", options.update_from, "/tarnwick-check/old-release", &old_release))) {
+    return 2;
+  }
+  const std::string& tree = release.tree;
+  const std::string& old_tree = old_release.tree;
   status = check_arguments(options, tree, old_tree);
   if (status >= 0) return status;
-  std::string error;
   if (!make_device(options, tree, old_tree, &error)) {
     fprintf(stderr, "tarnwick-check: %s\n", error.c_str());
     return 2;
