@@ -22,10 +22,11 @@ using android::base::unique_fd;
 
 namespace {
 
-// A tree may expand to at most this many times the size of the whole
-// package (and to kMaxTreeBytes at most): a package whose tree expands
-// further is a ZIP bomb, not a release.
+// A tree may expand to this many times the size of the whole package, or to
+// kMinZipBomb whatever its size, and to kMaxTreeBytes at most: a package
+// whose tree expands further is a ZIP bomb, not a release.
 const uint64_t kMaxZipExpansion = 100;
+const uint64_t kMinZipBomb = 64ull << 20;
 // The entry count of an archive's end record when the real count lies in a
 // ZIP64 record, which this version of the reader does not read.
 const size_t kZip64EntryCount = 0xffff;
@@ -193,12 +194,14 @@ bool read_zip(int fd, const std::string& scratch, ReleaseInput* in, std::string*
       }
     }
   }
-  const uint64_t bound = std::min<uint64_t>(kMaxTreeBytes, kMaxZipExpansion * info.archive_size);
+  const uint64_t bound = std::min<uint64_t>(
+      kMaxTreeBytes, std::max<uint64_t>(kMinZipBomb, kMaxZipExpansion * info.archive_size));
   if (size > bound) {
-    *error = "its tree " + shown(tree) + " expands to " + std::to_string(size) +
-             " bytes, more than " + std::to_string(kMaxZipExpansion) +
-             " times the size of the whole package (" + std::to_string(info.archive_size) +
-             " bytes) or " + std::to_string(kMaxTreeBytes >> 20) + " MiB: refused as a ZIP bomb";
+    *error = "its tree " + shown(tree) + " expands to " + std::to_string(size) + " bytes, more than " +
+             std::to_string(kMaxZipExpansion) + " times the size of the whole package (" +
+             std::to_string(info.archive_size) + " bytes) and " + std::to_string(kMinZipBomb >> 20) +
+             " MiB, or more than " + std::to_string(kMaxTreeBytes >> 20) +
+             " MiB: refused as a ZIP bomb";
     return false;
   }
 
