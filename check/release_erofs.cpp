@@ -43,13 +43,12 @@ std::string find_program(const char* name) {
   return "";
 }
 
-// The last error line of fsck.erofs, shown.
-std::string last_error(const std::string& output) {
-  std::string last;
+// The first error line of fsck.erofs, shown: its later ones only say that it failed.
+std::string first_error(const std::string& output) {
   for (const std::string& line : android::base::Split(output, "\n")) {
-    if (android::base::StartsWith(line, "<E>")) last = line;
+    if (android::base::StartsWith(line, "<E>")) return ": " + shown(line);
   }
-  return last.empty() ? "" : ": " + shown(last);
+  return "";
 }
 
 // Leaves of |root| only the tree at |tree| (relative): each directory on the
@@ -104,14 +103,16 @@ bool read_erofs(int fd, const std::string& scratch, ReleaseInput* in, std::strin
     return 127;
   };
   std::string output;
-  if (!run_child(work, scratch, &output, &why, &confinement)) {
-    *error = kProgram + (" " + why) + last_error(output);
-    return false;
-  }
+  // fsck.erofs 1.5 ends with status 0 after some errors (a superblock whose
+  // checksum does not match): an error line is a failure too.
+  const bool ran = run_child(work, scratch, &output, &why, &confinement);
   if (!confinement.refused.empty()) {
     *error = "has a name that leads out of where it is unpacked (" + std::string(kProgram) +
-             " would set a mode on " +
-             shown(confinement.refused.front()) + "): refused";
+             " would set a mode on " + shown(confinement.refused.front()) + "): refused";
+    return false;
+  }
+  if (!ran || !first_error(output).empty()) {
+    *error = kProgram + (" " + (ran ? "failed" : why)) + first_error(output);
     return false;
   }
   std::string tree;

@@ -254,13 +254,21 @@ std::string read_tree(int fd, const std::string& scratch, ReleaseInput* in) {
     InputNode node;
     ext2_ino_t ino = EXT2_ROOT_INO;
     for (const std::string& part : android::base::Split(at, "/")) {
-      if (!part.empty() && ext2fs_lookup(raw, ino, part.c_str(), part.size(), nullptr, &ino) != 0) {
+      if (part.empty()) continue;
+      const errcode_t code = ext2fs_lookup(raw, ino, part.c_str(), part.size(), nullptr, &ino);
+      if (code == EXT2_ET_FILE_NOT_FOUND) return node;
+      if (code != 0) {
+        node.type = InputNode::kUnreadable;
+        node.target = ext2_error(code);
         return node;
       }
     }
     ext2_inode inode;
+    if (!read_inode(raw, ino, &inode, &node.target)) {
+      node.type = InputNode::kUnreadable;
+      return node;
+    }
     std::string why;
-    if (!read_inode(raw, ino, &inode, &why)) return node;
     node.type = LINUX_S_ISDIR(inode.i_mode) ? InputNode::kDirectory
                 : LINUX_S_ISLNK(inode.i_mode) ? InputNode::kLink
                                               : InputNode::kOther;

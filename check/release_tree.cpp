@@ -177,6 +177,9 @@ bool find_in_input(const std::string& device_path, const DeviceMap& map, const I
       case InputNode::kOther:
         *why = "has " + shown(in) + " as a file, not a directory";
         return false;
+      case InputNode::kUnreadable:
+        *why = "cannot read " + shown(in) + ": " + node.target;
+        return false;
     }
   }
   const std::string device = "/" + android::base::Join(done, "/");
@@ -231,6 +234,11 @@ bool find_image_tree(const InputLookup& lookup, std::string* path, std::string* 
   for (const auto& [map, device_path] : places) {
     std::string why;
     if (find_in_input(device_path, map, lookup, path, &why)) return true;
+    // A corrupt image is no image without a tree.
+    if (why.compare(0, 11, "cannot read") == 0) {
+      *error = why;
+      return false;
+    }
     if (first_why.empty()) first_why = why;
   }
   *error = "holds no vendor ODM tree: neither etc/odm (a vendor image) nor vendor/etc/odm or "

@@ -30,8 +30,8 @@ inline constexpr int kMaxLinks = 40;
 
 // One entry of an input, as far as finding the tree needs it.
 struct InputNode {
-  enum Type { kMissing, kDirectory, kLink, kOther } type = kMissing;
-  std::string target;  // of a link
+  enum Type { kMissing, kDirectory, kLink, kOther, kUnreadable } type = kMissing;
+  std::string target;  // of a link; why, when it cannot be read
 };
 // Looks up |path|, relative to the input's root and with no link in it ("" is the root).
 using InputLookup = std::function<InputNode(const std::string& path)>;

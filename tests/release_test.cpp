@@ -337,3 +337,126 @@ TEST(Release, EveryKindGivesTheDirectorysReport) {
 }
 
 }  // namespace
+
+namespace {
+
+// Replaces the one |from| in file |path| by |to| of the same length: a name
+// no tool would write into an image.
+void patch(const std::string& path, const std::string& from, const std::string& to) {
+  std::string data = get(path);
+  const size_t at = data.find(from);
+  ASSERT_NE(at, std::string::npos) << from;
+  ASSERT_EQ(data.find(from, at + 1), std::string::npos) << from;
+  data.replace(at, to.size(), to);
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
+}
+
+TEST(Release, HostileInputsLeaveNothingOutside) {
+  const std::string dir = make_root();
+  const std::string planted = dir + "/planted", tree = kSamples + "/update/new";
+  const std::string odm = "VENDOR/etc/odm/odm_KT1/odm/etc/";
+  std::string up;
+  for (int i = 0; i < 40; ++i) up += "../";
+  struct Case {
+    std::string name;
+    std::function<void(const std::string& at, const std::string& given)> make;
+    int status;  // -1: a report, 0 or 1
+  };
+  // A package of the sample tree with |extra| entries (name, mode, data).
+  auto package = [&](std::vector<std::string> extra) {
+    return [&, extra](const std::string& at, const std::string& given) {
+      fs::create_directories(at + "/VENDOR/etc");
+      sh("cp -a " + q(tree) + " " + q(at + "/VENDOR/etc/odm"));
+      std::string args = q(at) + " " + q(given);
+      for (const auto& word : extra) args += " " + q(word);
+      zip(args);
+    };
+  };
+  // An image of the sample tree with a link "zz" to the planted directory
+  // beside a name "zzQ<c>" that becomes "zz/<c>".
+  auto through_link = [&](const std::string& tool, const std::string& in, const std::string& name) {
+    return [&, tool, in, name](const std::string& at, const std::string& given) {
+      fs::create_directories(at + "/etc");
+      sh("cp -a " + q(tree) + " " + q(at + "/etc/odm"));
+      fs::create_symlink(planted, at + "/" + in + "zz");
+      if (name.back() == '.') fs::create_directories(at + "/" + in + name);
+      if (name.back() != '.') put(at + "/" + in + name, "x");
+      // Without checksums, which would tell the patch from the name.
+      sh(tool == "ext4" ? "mke2fs -q -t ext4 -O ^metadata_csum -d " + q(at) + " " + q(given) + " 16M"
+                        : "mkfs.erofs --quiet -Enosbcrc " + q(given) + " " + q(at));
+      patch(given, name, "zz/" + name.substr(3));
+    };
+  };
+  auto image_of = [&](const std::string& tool, size_t cut) {
+    return [&, tool, cut](const std::string& at, const std::string& given) {
+      fs::create_directories(at + "/etc");
+      sh("cp -a " + q(tree) + " " + q(at + "/etc/odm"));
+      sh(tool == "ext4" ? "mke2fs -q -t ext4 -d " + q(at) + " " + q(given) + " 16M"
+                        : "mkfs.erofs --quiet " + q(given) + " " + q(at));
+      if (cut != 0) fs::resize_file(given, cut);
+    };
+  };
+  const Case cases[] = {
+      {"entry climbing out with ../", package({odm + up + planted.substr(1) + "/x", "100644", "x"}), 2},
+      {"entry with an absolute name", package({planted + "/x", "100644", "x"}), 2},
+      {"link entry, then an entry through it",
+       package({odm + "l", "120777", planted, odm + "l/x", "100644", "x"}), 2},
+      {"link entry pointing outside, kept", package({odm + "secret.conf", "120777", planted + "/secret"}), -1},
+      {"ZIP bomb", package({odm + "zeros", "100644", "@104857600"}), 2},
+      {"truncated ZIP", [&](const std::string& at, const std::string& given) {
+         package({})(at, given);
+         fs::resize_file(given, fs::file_size(given) / 2);
+       }, 2},
+      {"package without a tree",
+       [&](const std::string&, const std::string& given) {
+         zip("- " + q(given) + " META/misc_info.txt 100644 x VENDOR/build.prop 100644 x");
+       }, 2},
+      {"truncated ext4 image", image_of("ext4", 256 << 10), 2},
+      {"truncated EROFS image", image_of("erofs", 4097), 2},
+      {"truncated sparse image",
+       [&](const std::string& at, const std::string& given) {
+         image_of("ext4", 0)(at, given + ".raw");
+         sh("img2simg " + q(given + ".raw") + " " + q(given));
+         fs::resize_file(given, fs::file_size(given) - 4096);
+       }, 2},
+      {"image of another file system",
+       [&](const std::string&, const std::string& given) { sh("/usr/sbin/mkfs.vfat -C " + q(given) + " 1024"); }, 2},
+      {"ext4 name through a link", through_link("ext4", "etc/odm/odm_KT1/odm/etc/", "zzQx"), 2},
+      {"EROFS name through a link, made", through_link("erofs", "", "zzQx"), 2},
+      {"EROFS name through a link, its mode set", through_link("erofs", "", "zzQ."), 2},
+  };
+  int status;
+  const std::string plain = dir + "/plain.out";
+  const int tree_status = spawn({TARNWICK_CHECK, tree}, plain, "/dev/null");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string at = dir + "/" + std::to_string(&c - cases), tmp = at + ".tmp";
+    const std::string given = at + ".release";
+    fs::create_directories(tmp);
+    fs::create_directories(planted);
+    put(planted + "/keep", "secret bytes\n");
+    put(planted + "/secret", "secret bytes\n");
+    chmod(planted.c_str(), 0755);
+    const auto before = entries(planted);
+    c.make(at, given);
+    std::vector<std::string> argv = {"env", "TMPDIR=" + tmp};
+    for (const auto& word : wrapper()) argv.push_back(word);
+    argv.insert(argv.end(), {TARNWICK_CHECK, given});
+    status = spawn(argv, at + ".out", at + ".err");
+    const std::string out = get(at + ".out"), err = get(at + ".err");
+    if (c.status == -1) {
+      EXPECT_EQ(status, tree_status) << err;
+    } else {
+      EXPECT_EQ(status, c.status) << out;
+      EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+      EXPECT_NE(err.find(given), std::string::npos) << err;
+    }
+    EXPECT_EQ(out.find("secret bytes"), std::string::npos);
+    EXPECT_EQ(entries(planted), before);
+    EXPECT_TRUE(fs::is_empty(tmp));
+    remove_tree(planted.c_str());
+  }
+  remove_tree(dir.c_str());
+}
+
+}  // namespace
