@@ -147,7 +147,8 @@ std::string rich_tree(const std::string& root) {
   chmod((etc + "/secret.conf").c_str(), 0600);
   chmod((etc + "/plain.conf").c_str(), 04755);
   chmod((etc + "/read_only").c_str(), 0555);
-  chmod((etc + "/locked").c_str(), 0);
+  // Whoever is not root could not list it here.
+  chmod((etc + "/locked").c_str(), getuid() == 0 ? 0 : 0700);
   chmod((tree + "/odm_A").c_str(), 0750);
   return tree;
 }
@@ -163,7 +164,7 @@ std::map<std::string, std::string> read_as(uid_t uid, const std::string& given, 
   if (chown(scratch.c_str(), uid, uid) != 0 || chown((scratch + ".out").c_str(), uid, uid) != 0) return {};
   const pid_t pid = fork();
   if (pid == 0) {
-    if (uid != 0 && (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 || setresuid(uid, uid, uid) != 0)) _exit(1);
+    if (uid != getuid() && (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 || setresuid(uid, uid, uid) != 0)) _exit(1);
     std::string error, out;
     ReleaseInput got;
     if (!read_release(given, scratch, &got, &error)) {
