@@ -156,13 +156,15 @@ bool confine_prepare(const std::string& dir, Confinement* confinement, std::stri
   }
   confinement->parent_end.reset(sockets[0]);
   confinement->child_end.reset(sockets[1]);
+  confinement->program = filter_program();
   return true;
 }
 
 bool confine_child(Confinement* confinement) {
-  confinement->parent_end.reset();
-  std::vector<sock_filter> program = filter_program();
-  sock_fprog fprog = {static_cast<unsigned short>(program.size()), program.data()};
+  // Nothing here writes to memory but the stack: until it execs, the child
+  // shares the checker's (the parent's end of the socket closes on exec).
+  sock_fprog fprog = {static_cast<unsigned short>(confinement->program.size()),
+                      confinement->program.data()};
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
       syscall(SYS_landlock_restrict_self, confinement->ruleset.get(), 0) != 0) {
     return false;

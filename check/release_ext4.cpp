@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <chrono>
 #include <memory>
 #include <set>
 
@@ -34,10 +35,12 @@ using FileSystem = std::unique_ptr<struct struct_ext2_filsys, CloseFileSystem>;
 const size_t kChunk = 64 * 1024;
 
 struct Walk {
-  ext2_filsys fs;
-  TreeOut* out;
+  ext2_filsys fs = nullptr;
+  TreeOut* out = nullptr;
   std::set<ext2_ino_t> dirs;  // directories seen: a loop in a corrupt image ends here
   uint64_t mapped = 0;        // bytes of data blocks read, zeros included
+  std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::now() +
+                                                   std::chrono::seconds(kReadSeconds);
 };
 
 std::string ext2_error(errcode_t code) {
@@ -168,6 +171,10 @@ bool copy_dir(Walk* walk, ext2_ino_t dir, const ext2_inode& inode, const std::st
 bool copy_entry(Walk* walk, ext2_ino_t ino, const std::string& name, std::string* failed,
                 std::string* why) {
   *failed = name;
+  if (std::chrono::steady_clock::now() > walk->deadline) {
+    *why = "is where reading the tree took longer than " + std::to_string(kReadSeconds) + " s";
+    return false;
+  }
   ext2_inode inode;
   if (!read_inode(walk->fs, ino, &inode, why)) return false;
   const mode_t mode = inode.i_mode;
@@ -241,7 +248,7 @@ bool copy_dir(Walk* walk, ext2_ino_t dir, const ext2_inode& inode, const std::st
   return true;
 }
 
-// The reading itself, in the child process: "" or the error.
+// The reading itself: "" or the error.
 std::string read_tree(int fd, const std::string& scratch, ReleaseInput* in) {
   char path[64];
   snprintf(path, sizeof(path), "/proc/self/fd/%d", fd);
@@ -284,7 +291,9 @@ std::string read_tree(int fd, const std::string& scratch, ReleaseInput* in) {
     ext2fs_lookup(raw, ino, part.c_str(), part.size(), nullptr, &ino);
   }
   TreeOut out;
-  Walk walk{raw, &out, {}, 0};
+  Walk walk;
+  walk.fs = raw;
+  walk.out = &out;
   ext2_inode inode;
   std::string failed, why;
   if (!out_start(&out, scratch + "/tree", &why) || !read_inode(raw, ino, &inode, &why) ||
@@ -304,33 +313,6 @@ std::string read_tree(int fd, const std::string& scratch, ReleaseInput* in) {
 }  // namespace
 
 bool read_ext4(int fd, const std::string& scratch, ReleaseInput* in, std::string* error) {
-  // The child tells what it found as NUL-ended fields: the error (empty when
-  // none), the tree, where it stands, then each entry it could not make and why.
-  auto work = [&](int error_fd) {
-    ReleaseInput found;
-    const std::string problem = read_tree(fd, scratch, &found);
-    std::string message = problem + '\0' + found.tree + '\0' + found.inner + '\0';
-    for (const auto& [name, reason] : found.unmade) message += name + '\0' + reason + '\0';
-    for (size_t done = 0; done < message.size();) {
-      const ssize_t n = write(error_fd, message.data() + done, message.size() - done);
-      if (n <= 0) return 1;
-      done += n;
-    }
-    return problem.empty() ? 0 : 1;
-  };
-  std::string output, why;
-  const bool ran = run_child(work, scratch, &output, &why);
-  std::vector<std::string> fields = android::base::Split(output, std::string(1, '\0'));
-  if (!fields.empty() && !fields[0].empty()) {
-    *error = fields[0];
-    return false;
-  }
-  if (!ran || fields.size() < 4) {
-    *error = "its reader " + (ran ? std::string("said nothing") : why) + ": the image is corrupt";
-    return false;
-  }
-  in->tree = fields[1];
-  in->inner = fields[2];
-  for (size_t i = 3; i + 2 < fields.size(); i += 2) in->unmade.emplace_back(fields[i], fields[i + 1]);
-  return true;
+  *error = read_tree(fd, scratch, in);
+  return error->empty();
 }

@@ -1,7 +1,10 @@
 // Android's sparse image, made raw by the platform's libsparse: a raw file
-// with holes where the image has none of its blocks (or blocks of zeros).
+// with holes where the image has none of its blocks (or blocks of zeros),
+// bounded in size and in the data its fill chunks may make.
 #include <errno.h>
 #include <fcntl.h>
+#include <setjmp.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -45,6 +48,21 @@ int write_raw(void* priv, const void* data, size_t size) {
   return 0;
 }
 
+sigjmp_buf bus_jump;
+
+void on_bus(int) { siglongjmp(bus_jump, 1); }
+
+// While it lives, a bus error ends the conversion instead of the process.
+struct BusGuard {
+  struct sigaction old;
+  BusGuard() {
+    struct sigaction action = {};
+    action.sa_handler = on_bus;
+    sigaction(SIGBUS, &action, &old);
+  }
+  ~BusGuard() { sigaction(SIGBUS, &old, nullptr); }
+};
+
 }  // namespace
 
 bool unsparse(int fd, const std::string& raw, std::string* error) {
@@ -58,39 +76,33 @@ bool unsparse(int fd, const std::string& raw, std::string* error) {
     *error = "cannot make " + raw + ": " + strerror(errno);
     return false;
   }
-  std::string output;
-  // libsparse maps the image's data into memory: a chunk that runs past the
-  // end of a cut image would end the process that touches it.
-  auto work = [&](int error_fd) {
-    std::unique_ptr<sparse_file, decltype(&sparse_file_destroy)> sparse(
-        sparse_file_import(fd, false, false), sparse_file_destroy);
-    std::string what;
-    if (!sparse) {
-      what = "its chunks do not make a sparse image: it is truncated or corrupt";
-    } else if (sparse_file_len(sparse.get(), true, false) > st.st_size) {
-      // The image written back in the same format is no longer than the
-      // image itself, unless its data runs past its end.
-      what = "its chunks hold more data than the file: it is truncated";
-    } else {
-      RawOut raw_out{out.get(), 0, 0, static_cast<uint64_t>(st.st_size) + kMaxTreeBytes};
-      const int status = sparse_file_callback(sparse.get(), false, false, write_raw, &raw_out);
-      if (status == -EFBIG) {
-        what = "its raw image would be larger than " + std::to_string(kMaxImageBytes >> 30) + " GiB";
-      } else if (status == -ENOSPC) {
-        what = "its fill chunks expand beyond its own size and " +
-               std::to_string(kMaxTreeBytes >> 20) + " MiB more";
-      } else if (status != 0 || ftruncate(out.get(), raw_out.offset) != 0) {
-        what = "it cannot be made raw: it is truncated or corrupt, or the scratch space is full";
-      }
-    }
-    if (what.empty()) return 0;
-    (void)!write(error_fd, what.data(), what.size());
-    return 1;
-  };
-  std::string why;
-  if (!run_child(work, raw, &output, &why)) {
-    *error = !output.empty() ? output : "its reader " + why + ": it is truncated or corrupt";
+  std::unique_ptr<sparse_file, decltype(&sparse_file_destroy)> sparse(
+      sparse_file_import(fd, false, false), sparse_file_destroy);
+  if (!sparse) {
+    *error = "its chunks do not make a sparse image: it is truncated or corrupt";
     return false;
   }
-  return true;
+  // The image written back in the same format is no longer than the image
+  // itself, unless its data runs past its end.
+  if (sparse_file_len(sparse.get(), true, false) > st.st_size) {
+    *error = "its chunks hold more data than the file: it is truncated";
+    return false;
+  }
+  RawOut raw_out{out.get(), 0, 0, static_cast<uint64_t>(st.st_size) + kMaxTreeBytes};
+  volatile int status = -EFAULT;
+  {
+    // libsparse maps the image's data into memory: a chunk of a cut image
+    // that the check above lets through would end the checker where it is read.
+    BusGuard guard;
+    if (sigsetjmp(bus_jump, 1) == 0) {
+      status = sparse_file_callback(sparse.get(), false, false, write_raw, &raw_out);
+    }
+  }
+  if (status == 0 && ftruncate(out.get(), raw_out.offset) == 0) return true;
+  *error = status == -EFBIG ? "its raw image would be larger than " +
+                                  std::to_string(kMaxImageBytes >> 30) + " GiB"
+           : status == -ENOSPC ? "its fill chunks expand beyond its own size and " +
+                                     std::to_string(kMaxTreeBytes >> 20) + " MiB more"
+           : "it cannot be made raw: it is truncated or corrupt, or the scratch space is full";
+  return false;
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <android-base/unique_fd.h>
+#include <linux/filter.h>
 
 #include "check/release_input.h"
 
@@ -23,8 +24,6 @@ inline constexpr uint64_t kMaxTreeBytes = 1ull << 30;
 inline constexpr size_t kMaxTreeEntries = 200000;
 // The size an image may have once raw, and what reading it may write in all.
 inline constexpr uint64_t kMaxImageBytes = 16ull << 30;
-// How long a reader's child process may run.
-inline constexpr int kChildSeconds = 600;
 // How far a link may lead to another before a lookup gives up, as the kernel's.
 inline constexpr int kMaxLinks = 40;
 
@@ -93,18 +92,21 @@ void remove_tree(const char* path);
 // The readers (release_zip.cpp, release_ext4.cpp, release_erofs.cpp,
 // release_sparse.cpp). Each reads the input open at |fd| into |scratch| and
 // fills |in| (kind already set); false with |*error| set to the part of the
-// error line after the input's name and kind.
+// error line after the input's name and kind. The time a reader may take.
+inline constexpr int kReadSeconds = 600;
 bool read_zip(int fd, const std::string& scratch, ReleaseInput* in, std::string* error);
 bool read_ext4(int fd, const std::string& scratch, ReleaseInput* in, std::string* error);
 bool read_erofs(int fd, const std::string& scratch, ReleaseInput* in, std::string* error);
 // Writes the raw image that sparse image |fd| holds to a new file |raw|,
 // holes kept; false with |*error| set.
 bool unsparse(int fd, const std::string& raw, std::string* error);
-// Runs |work| in a child process, its result the child's exit status;
-// |work| may write to |error_fd|, which ends up in |*output|. The child is
-// killed when it runs longer than kChildSeconds or takes more than
-// kMaxImageBytes of the file system that holds |scratch|. False with |*why|
-// set (a phrase about the child) unless it exits with status 0.
+// Runs |work| in a child process that shares the checker's memory until it
+// runs a program (vfork): |work| makes system calls only, then execs; its
+// result is the child's exit status when the exec fails. The program may
+// write to |error_fd|, which ends up in |*output|. It is killed when it runs
+// longer than kReadSeconds or takes more than kMaxImageBytes of the file
+// system that holds |scratch|. False with |*why| set (a phrase about the
+// child) unless it exits with status 0.
 struct Confinement;
 bool run_child(const std::function<int(int error_fd)>& work, const std::string& scratch,
                std::string* output, std::string* why, Confinement* confinement = nullptr);
@@ -117,12 +119,13 @@ bool run_child(const std::function<int(int error_fd)>& work, const std::string& 
 struct Confinement {
   std::string root;
   android::base::unique_fd root_fd, ruleset, parent_end, child_end, listener;
+  std::vector<struct sock_filter> program;  // the seccomp filter, made before the child
   size_t notif_size = 0, resp_size = 0;
   std::vector<std::string> refused;
 };
 // Before the child starts; false with |*why| set when this host cannot confine it.
 bool confine_prepare(const std::string& root, Confinement* confinement, std::string* why);
-// In the child, before it runs the program.
+// In the child, before it runs the program: system calls only.
 bool confine_child(Confinement* confinement);
 // In the checker once the child runs, and for each call of the child's it judges.
 bool confine_parent(Confinement* confinement);

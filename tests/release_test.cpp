@@ -156,25 +156,26 @@ std::string rich_tree(const std::string& root) {
 }
 
 // read_release of |given| into a new scratch directory in |root|, as user
-// |uid| (a child process that becomes it) when not 0: the entries it made,
-// or the error. The scratch directory is removed by that user again.
+// |uid| (a child process that becomes it) when it is not this process's: the
+// entries it made. The scratch directory is removed by that user again.
 std::map<std::string, std::string> read_as(uid_t uid, const std::string& given, const std::string& root,
                                            ReleaseInput* in) {
   const std::string scratch = root + "/scratch." + std::to_string(uid);
   fs::create_directories(scratch);
+  std::string error;
+  if (uid == getuid()) {
+    if (!read_release(given, scratch, in, &error)) in->kind = "error: " + error;
+    return in->tree.empty() ? std::map<std::string, std::string>() : entries(in->tree);
+  }
   std::ofstream(scratch + ".out");
   if (chown(scratch.c_str(), uid, uid) != 0 || chown((scratch + ".out").c_str(), uid, uid) != 0) return {};
   const pid_t pid = fork();
   if (pid == 0) {
-    if (uid != getuid() && (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 || setresuid(uid, uid, uid) != 0)) _exit(1);
-    std::string error, out;
+    if (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 || setresuid(uid, uid, uid) != 0) _exit(1);
     ReleaseInput got;
-    if (!read_release(given, scratch, &got, &error)) {
-      out = "error\n" + error;
-    } else {
-      out = got.kind + "\n" + got.inner + "\n" + got.tree + "\n";
-      for (const auto& [name, why] : got.unmade) out += name + "\t" + why + "\n";
-    }
+    std::string out = !read_release(given, scratch, &got, &error) ? "error: " + error + "\n"
+                                                                  : got.kind + "\n" + got.inner + "\n" + got.tree + "\n";
+    for (const auto& [name, why] : got.unmade) out += name + "\t" + why + "\n";
     std::ofstream(scratch + ".out") << out;
     _exit(0);
   }
@@ -182,15 +183,21 @@ std::map<std::string, std::string> read_as(uid_t uid, const std::string& given, 
   waitpid(pid, &status, 0);
   std::istringstream out(get(scratch + ".out"));
   std::getline(out, in->kind);
-  std::getline(out, in->inner, in->kind == "error" ? '\0' : '\n');
+  std::getline(out, in->inner);
   std::getline(out, in->tree);
   for (std::string line; std::getline(out, line);) {
     in->unmade.emplace_back(line.substr(0, line.find('\t')), line.substr(line.find('\t') + 1));
   }
-  return in->kind == "error" || in->tree.empty() ? std::map<std::string, std::string>() : entries(in->tree);
+  return in->tree.empty() ? std::map<std::string, std::string>() : entries(in->tree);
 }
 
 bool root() { return getuid() == 0; }
+
+// Under user-mode emulation (the AArch64 build's tests) a forked process
+// never runs, and seccomp, which confines fsck.erofs, is not there: the
+// native suite reads EROFS images and runs as another user.
+bool emulated() { return !wrapper().empty(); }
+bool skipped(const std::string& kind) { return emulated() && kind.find("EROFS") != std::string::npos; }
 
 TEST(Release, EveryKindKeepsEachEntryAsItIs) {
   const std::string dir = make_root();
@@ -200,11 +207,12 @@ TEST(Release, EveryKindKeepsEachEntryAsItIs) {
   const auto expected = entries(tree);
   for (const Kind& kind : kKinds) {
     SCOPED_TRACE(kind.name);
+    if (skipped(kind.name)) continue;
     const std::string given = make_input(kind.name, tree, dir + "/" + std::to_string(&kind - kKinds));
     // As whoever runs the tests, and once more as an ordinary user for each reader.
     const bool file = kind.name != "directory" && kind.name.find("extracted") == std::string::npos;
     std::vector<uid_t> users = {getuid()};
-    if (root() && file) users.push_back(std::stoul(kUser));
+    if (root() && file && !emulated()) users.push_back(std::stoul(kUser));
     for (uid_t uid : users) {
       SCOPED_TRACE("uid " + std::to_string(uid));
       ReleaseInput in;
@@ -276,6 +284,7 @@ TEST(Release, FindsTheTreeWhereADeviceWould) {
       sh("mke2fs -q -t ext4 -d " + q(top) + " " + q(top + ".img") + " 16M");
       given = top + ".img";
     } else if (c.image == "erofs") {
+      if (emulated()) continue;
       sh("mkfs.erofs --quiet " + q(top + ".img") + " " + q(top));
       given = top + ".img";
     }
@@ -323,13 +332,14 @@ TEST(Release, EveryKindGivesTheDirectorysReport) {
   ASSERT_EQ(status, 1);
   for (const Kind& kind : kKinds) {
     SCOPED_TRACE(kind.name);
+    if (skipped(kind.name)) continue;
     const std::string at = dir + "/" + std::to_string(&kind - kKinds);
     const std::string old_release = make_input(kind.name, kSamples + "/update/old", at + "/old");
     const std::string new_release = make_input(kind.name, kSamples + "/update/new", at + "/new");
     EXPECT_EQ(report({"--update-from", old_release, new_release}, &status).dump(1), expected.dump(1));
     EXPECT_EQ(status, 1);
     // The README's case as an ordinary user, for each reader.
-    if (root() && kind.name != "directory" && kind.name.find("extracted") == std::string::npos &&
+    if (root() && !emulated() && kind.name != "directory" && kind.name.find("extracted") == std::string::npos &&
         kind.name.find("sparse ext4") == std::string::npos) {
       EXPECT_EQ(report({"--update-from", old_release, new_release}, &status, kUser).dump(1),
                 expected.dump(1));
@@ -422,6 +432,23 @@ TEST(Release, HostileInputsLeaveNothingOutside) {
          sh("img2simg " + q(given + ".raw") + " " + q(given));
          fs::resize_file(given, fs::file_size(given) - 4096);
        }, 2},
+      {"sparse image whose data runs past its end",
+       [&](const std::string&, const std::string& given) {
+         // Chunk headers padded: the image written back is shorter than this one.
+         const uint32_t header = 4012, block = 4096;
+         auto le = [](uint64_t value, int bytes) {
+           std::string out;
+           for (int i = 0; i < bytes; ++i) out += static_cast<char>(value >> (8 * i));
+           return out;
+         };
+         std::string image = le(0xed26ff3a, 4) + le(1, 2) + le(0, 2) + le(28, 2) + le(header, 2) +
+                             le(block, 4) + le(4, 4) + le(2, 4) + le(0, 4);
+         image += le(0xcac3, 2) + le(0, 2) + le(1, 4) + le(header, 4) + std::string(header - 12, '\0');
+         image += le(0xcac1, 2) + le(0, 2) + le(3, 4) + le(header + 3 * block, 4) +
+                  std::string(header - 12, '\0');
+         image.resize(12400);
+         std::ofstream(given, std::ios::binary) << image;
+       }, 2},
       {"image of another file system",
        [&](const std::string&, const std::string& given) { sh("mkfs.vfat -C " + q(given) + " 1024"); }, 2},
       {"ext4 name through a link", through_link("ext4", "etc/odm/odm_KT1/odm/etc/", "zzQx"), 2},
@@ -433,6 +460,7 @@ TEST(Release, HostileInputsLeaveNothingOutside) {
   const int tree_status = spawn({TARNWICK_CHECK, tree}, plain, "/dev/null");
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
+    if (skipped(c.name)) continue;
     const std::string at = dir + "/" + std::to_string(&c - cases), tmp = at + ".tmp";
     const std::string given = at + ".release";
     fs::create_directories(tmp);
