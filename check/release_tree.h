@@ -24,6 +24,8 @@ inline constexpr uint64_t kMaxTreeBytes = 1ull << 30;
 inline constexpr size_t kMaxTreeEntries = 200000;
 // The size an image may have once raw, and what reading it may write in all.
 inline constexpr uint64_t kMaxImageBytes = 16ull << 30;
+// The time reading an image may take.
+inline constexpr int kReadSeconds = 600;
 // How far a link may lead to another before a lookup gives up, as the kernel's.
 inline constexpr int kMaxLinks = 40;
 
@@ -92,14 +94,14 @@ void remove_tree(const char* path);
 // The readers (release_zip.cpp, release_ext4.cpp, release_erofs.cpp,
 // release_sparse.cpp). Each reads the input open at |fd| into |scratch| and
 // fills |in| (kind already set); false with |*error| set to the part of the
-// error line after the input's name and kind. The time a reader may take.
-inline constexpr int kReadSeconds = 600;
+// error line after the input's name and kind.
 bool read_zip(int fd, const std::string& scratch, ReleaseInput* in, std::string* error);
 bool read_ext4(int fd, const std::string& scratch, ReleaseInput* in, std::string* error);
 bool read_erofs(int fd, const std::string& scratch, ReleaseInput* in, std::string* error);
 // Writes the raw image that sparse image |fd| holds to a new file |raw|,
 // holes kept; false with |*error| set.
 bool unsparse(int fd, const std::string& raw, std::string* error);
+struct Confinement;
 // Runs |work| in a child process that shares the checker's memory until it
 // runs a program (vfork): |work| makes system calls only, then execs; its
 // result is the child's exit status when the exec fails. The program may
@@ -107,7 +109,6 @@ bool unsparse(int fd, const std::string& raw, std::string* error);
 // longer than kReadSeconds or takes more than kMaxImageBytes of the file
 // system that holds |scratch|. False with |*why| set (a phrase about the
 // child) unless it exits with status 0.
-struct Confinement;
 bool run_child(const std::function<int(int error_fd)>& work, const std::string& scratch,
                std::string* output, std::string* why, Confinement* confinement = nullptr);
 
