@@ -456,8 +456,7 @@ TEST(Release, HostileInputsLeaveNothingOutside) {
       {"EROFS name through a link, its mode set", through_link("erofs", "", "zzQ."), 2},
   };
   int status;
-  const std::string plain = dir + "/plain.out";
-  const int tree_status = spawn({TARNWICK_CHECK, tree}, plain, "/dev/null");
+  const int tree_status = run({TARNWICK_CHECK, tree});
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     if (skipped(c.name)) continue;
