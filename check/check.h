@@ -3,11 +3,15 @@
 // device root whose /vendor/etc/odm is a copy of the tree.
 #pragma once
 
+#include <stdint.h>
+
 #include <filesystem>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -17,6 +21,8 @@
 inline constexpr char kCheckConfig[] = "/tarnwick-check/odmconfig.xml";
 inline constexpr char kCheckInstalled[] = "/tarnwick-check/installed";
 inline constexpr char kCheckOtherRelease[] = "/tarnwick-check/other-release";
+struct CopyNotes;  // host_io.h
+
 // The version of the JSON document's layout, raised when a field changes meaning.
 inline constexpr int kJsonVersion = 2;
 
@@ -29,6 +35,44 @@ struct Options {
   std::map<std::string, std::string> props;          // --prop NAME=VALUE
   bool json = false;
   bool strict = false;
+  std::string sarif;  // --sarif FILE, or empty
+  // Where the tree checked and the old release's tree stand inside the
+  // inputs as given ("vendor/etc/odm" in a device root; empty: the input).
+  std::string tree_inner, update_from_inner;
+};
+
+// What a finding code means, for tools that describe rules apart from
+// results (rules.cpp).
+struct Rule {
+  const char* code;
+  bool error;  // its usual severity
+  const char* brief;
+  const char* full;
+  const char* help;
+};
+const std::vector<Rule>& rules();
+
+// Which input a finding's location lies in: the JSON document's "input"
+// names, and (upper case) the SARIF log's base ids.
+inline constexpr char kInTree[] = "tree";              // VENDOR_ODM_DIR
+inline constexpr char kInUpdateFrom[] = "update_from";  // --update-from
+inline constexpr char kInInstalled[] = "installed";    // --installed
+inline constexpr char kInConfig[] = "config";          // --config
+
+// Where a finding's cause stands: a file of one of the inputs, relative to
+// the tree that input holds (the directory that becomes /vendor/etc/odm, or
+// the installed /odm; nothing for --config, which is the file itself), and
+// the line in it when known (0: the file as a whole).
+struct Location {
+  std::string input;
+  std::string file;
+  int line = 0;
+  bool operator<(const Location& o) const {
+    return std::tie(input, file, line) < std::tie(o.input, o.file, o.line);
+  }
+  bool operator==(const Location& o) const {
+    return input == o.input && file == o.file && line == o.line;
+  }
 };
 
 struct Finding {
@@ -37,6 +81,7 @@ struct Finding {
   std::string subject;
   std::string message;
   std::string advice;
+  std::vector<Location> locations;
 };
 
 // A value of each tested property, in name order; nullopt: unset.
@@ -93,6 +138,11 @@ struct Stamp {
 
 struct Report {
   std::string config;                                        // which configuration, in words
+  Location config_file;                                      // and where it lies
+  // The lines of the configuration's elements: "model alias", "target
+  // alias", "model" or "target", a zero byte, and the alias text or the
+  // name -> the lines that hold it.
+  std::map<std::string, std::vector<int>> config_lines;
   // The tested properties and the values each takes (nullopt: unset).
   std::vector<std::pair<std::string, std::vector<std::optional<std::string>>>> tested;
   std::vector<Setting> settings;
@@ -106,28 +156,51 @@ struct Report {
 // Words every part of the report uses (words.cpp).
 // Adds a finding to |report|.
 void add_finding(Report* report, std::string code, bool error, std::string subject,
-                 std::string message, std::string advice);
+                 std::string message, std::string advice, std::vector<Location> locations = {});
+// The location of file |path| of the tree checked (relative to it), and of
+// |path| under /vendor/etc/odm.
+Location in_tree_file(const std::string& path, int line = 0);
+Location vendor_file(const std::string& device_path);
 // |path| under /vendor/etc/odm, relative to it.
 std::string in_tree(const std::string& path);
 // |text| as it is when it is a plain name, else in quotes with bytes other
 // than printable ASCII escaped.
 std::string shown(const std::string& text);
+// |text| with every byte that could act on a terminal escaped as \xNN:
+// control bytes, line breaks among them, C1 controls, bidirectional marks,
+// and bytes that are not valid UTF-8.
+std::string printable(const std::string& text);
+// The length of the UTF-8 sequence at |at| in |text|, its code point in
+// |code_point|; 0 when the bytes there are no valid UTF-8.
+size_t utf8_sequence(const std::string& text, size_t at, uint32_t* code_point);
+// What the checker's inputs hold that a report must name: unreadable entries
+// and special files, as findings.
+void add_copy_findings(const Options& options, const CopyNotes& notes, Report* report);
 // |texts| as they are, one after another, set off by ", ".
 std::string comma_list(const std::vector<std::string>& texts);
 // |texts| shown, at most |limit| of them, and how many more.
 std::string join(const std::vector<std::string>& texts, size_t limit = 6);
 
-// The scratch device (device.cpp). make_scratch makes its root (removed at
-// exit, and on SIGINT, SIGTERM and SIGHUP), where packages and images are
-// read; false with |error| set when it cannot. make_device copies |tree| (the directory
-// that becomes /vendor/etc/odm), |old_tree| (the old release, when not empty)
-// and what |options| name into a new device root and points TARNWICK_ROOT at
-// it; nothing of the program's library may run before, or it would look up
-// paths on the host. False with |error| set when it cannot. A tree that
-// lies in the scratch root already is moved, not copied.
-bool make_scratch(std::string* error);
-bool make_device(const Options& options, const std::string& tree, const std::string& old_tree,
-                 std::string* error);
+// The scratch device (device.cpp).
+// The directory that becomes /vendor/etc/odm: the one inside |given| when it
+// is a device root (vendor/etc/odm) or a vendor directory (etc/odm), looked
+// up inside |given| as a device would, else |given| itself.
+std::string find_tree(const std::string& given);
+// Makes the scratch device root and points TARNWICK_ROOT at it; nothing of
+// the program's library may run before, or it would look up paths on the
+// host. Copies |tree| (which becomes /vendor/etc/odm), |old_tree| (the old
+// release, when not empty) and what |options| name into it; what the copies
+// meet goes into |notes|. Ends the checker when it cannot.
+void make_device(const Options& options, const std::string& tree, const std::string& old_tree,
+                 CopyNotes* notes);
+// The scratch root, made at the first call: packages and images are read
+// into it before the device is laid out there.
+std::string scratch_root();
+// Writes |bytes| to host file |path|, never through a link; ends the checker
+// when it cannot.
+void write_file(const std::string& path, const std::string& bytes);
+// Findings about the starts that had to be stopped or ended abnormally.
+std::vector<Finding> starts_that_did_not_end();
 // Device path |path| on the host, for what the checker itself lays out there.
 std::string host(const std::string& path);
 // True when device path |path| is a directory, links followed inside the root.
@@ -153,8 +226,9 @@ std::map<std::string, std::string> boot_properties(const Options& options, const
 // Writes the property store of one start: its boot_properties, nothing else.
 void write_properties(const Options& options, const Setting& setting, const std::string& product);
 // One device start of the program over the device as it stands, with the
-// properties of |setting| and |product|; false, after saying why, when it
-// could not run to its end.
+// properties of |setting| and |product|. A start that stops getting on is
+// stopped, and one that ends abnormally noted: both become findings
+// (starts_that_did_not_end). False, after saying why, when it could not run.
 bool start_program(const Options& options, const Setting& setting, const std::string& product);
 // True when the last start found the two stamps equal, and so provisioned nothing.
 bool stamps_were_equal();
@@ -166,6 +240,10 @@ bool restart_requested();
 // The document at /odm/etc/odmconfig.xml: findings, and the property tests of
 // its blocks (property name -> values named).
 std::map<std::string, std::set<std::string>> scan_config(const std::string& label, Report* report);
+// The locations in the configuration of the elements that hold |kind|
+// (as in Report::config_lines) |text|.
+std::vector<Location> config_locations(const Report& report, const std::string& kind,
+                                       const std::string& text);
 // The policy type of a property that a vendor service reads as empty on a
 // device, or null; |never| tells whether no rule can change that.
 const char* unreadable_type(const std::string& name, bool* never);
@@ -183,6 +261,14 @@ bool examine_trees(const Options& options, Report* report);
 // by running the program: per row, and the findings; false when a start could
 // not run.
 bool examine_courses(const Options& options, Report* report);
+
+// |document| as text, every text member kept byte for byte (json_text.cpp).
+std::string json_text(const nlohmann::json& document);
+
+// The locations of |finding|, as the JSON document gives them.
+nlohmann::json locations_json(const Options& options, const Finding& finding);
+// Writes the SARIF log of |report| to --sarif's file; ends the checker when it cannot.
+void write_sarif(const Options& options, const Report& report);
 
 void print_text(const Options& options, const Report& report);
 void print_json(const Options& options, const Report& report);

@@ -41,10 +41,22 @@ std::string where(const Scan& scan, const XMLElement* element) {
   return scan.label + ":" + std::to_string(element->GetLineNum()) + " <" + element->Name() + ">";
 }
 
+// The location of |element| in the configuration.
+std::vector<Location> at(const Scan& scan, const XMLElement* element) {
+  Location here = scan.report->config_file;
+  here.line = element->GetLineNum();
+  return {here};
+}
+
+// Notes the line of |element|, which holds |kind| |text|.
+void note_line(Scan* scan, const char* kind, const char* text, const XMLElement* element) {
+  scan->report->config_lines[std::string(kind) + '\0' + text].push_back(element->GetLineNum());
+}
+
 void passed_over(Scan* scan, const XMLElement* element, const std::string& why) {
   add_finding(scan->report, "passed-over", false, where(*scan, element),
               std::string("<") + element->Name() + "> " + why + ": the loader passes over it",
-              "remove it, or give it what it lacks");
+              "remove it, or give it what it lacks", at(*scan, element));
 }
 
 // An element of another name that a list takes in as one of its own.
@@ -53,7 +65,7 @@ void read_as(Scan* scan, const XMLElement* element, const char* own_name) {
   add_finding(scan->report, "read-as", false, where(*scan, element),
               std::string("<") + element->Name() + "> is read as a <" + own_name +
                   "> because it follows one in the same list",
-              std::string("rename it <") + own_name + ">, or move it out of the list");
+              std::string("rename it <") + own_name + ">, or move it out of the list", at(*scan, element));
 }
 
 // The children of |parent| before |first|, which its list does not reach.
@@ -64,7 +76,8 @@ void before_list(Scan* scan, const XMLElement* parent, const XMLElement* first, 
   }
 }
 
-void scan_aliases(Scan* scan, const XMLElement* owner) {
+// |kind| is the owner's: "model" or "target".
+void scan_aliases(Scan* scan, const XMLElement* owner, const char* kind) {
   const XMLElement* first = first_alias(owner);
   before_list(scan, owner, first, "alias");
   for (const XMLElement* alias = first; alias != nullptr; alias = alias->NextSiblingElement()) {
@@ -72,6 +85,7 @@ void scan_aliases(Scan* scan, const XMLElement* owner) {
       passed_over(scan, alias, "has no text (empty, blank, or starting with a comment or element)");
     } else {
       read_as(scan, alias, "alias");
+      note_line(scan, kind, text_of(alias), alias);
     }
   }
 }
@@ -82,13 +96,13 @@ void check_test(Scan* scan, const XMLElement* block, const char* name, const cha
     add_finding(scan->report, "long-config-value", false, subject,
                 "config_value of " + std::to_string(strlen(value)) +
                     " bytes never matches: a property read gives at most 91",
-                "shorten config_value");
+                "shorten config_value", at(*scan, block));
   }
   if (scan->tests.count(name) != 0) return;  // the name's own findings are given once
   if (!tarnwick_host::is_legal_property_name(name)) {
     add_finding(scan->report, "bad-property-name", false, subject,
                 shown(name) + " is not a legal property name: it always reads as empty",
-                "name a property (letters, digits, . _ - : @)");
+                "name a property (letters, digits, . _ - : @)", at(*scan, block));
     return;
   }
   bool never;
@@ -98,7 +112,8 @@ void check_test(Scan* scan, const XMLElement* block, const char* name, const cha
                 std::string(name) + " (" + type + ") reads as empty in a vendor service on a device" +
                     (never ? "" : " without a rule of its own"),
                 never ? "test another property: this one matches only config_value=\"\""
-                      : std::string("add get_prop(tarnwick, ") + type + ") to sepolicy/tarnwick.te");
+                      : std::string("add get_prop(tarnwick, ") + type + ") to sepolicy/tarnwick.te",
+                at(*scan, block));
   }
 }
 
@@ -124,7 +139,8 @@ void scan_setup(Scan* scan, const XMLElement* setup) {
         continue;
       }
       read_as(scan, target, "target");
-      scan_aliases(scan, target);
+      note_line(scan, "target", target->Attribute("name"), target);
+      scan_aliases(scan, target, "target alias");
     }
   }
 }
@@ -146,16 +162,18 @@ const char* unreadable_type(const std::string& name, bool* never) {
 std::map<std::string, std::set<std::string>> scan_config(const std::string& label,
                                                          Report* report) {
   Scan scan{label, report, {}};
+  Location whole = report->config_file;
   tinyxml2::XMLDocument document(true /* processEntities */);
   load_config(&document);
   const XMLElement* root = document.FirstChildElement();
   if (root == nullptr) {
     const bool broken = document.Error();
+    if (broken) whole.line = document.ErrorLineNum();
     add_finding(report, "empty-config", broken, label,
                 broken ? std::string("does not parse (") + document.ErrorStr() +
                              "): nothing is read, every product text is its own model"
                        : "holds no element: nothing is read, every product text is its own model",
-                "give it a root element with <model> entries and a <setup_odm>");
+                "give it a root element with <model> entries and a <setup_odm>", {whole});
     return {};
   }
   for (const XMLElement* extra = root->NextSiblingElement(); extra != nullptr;
@@ -179,10 +197,10 @@ std::map<std::string, std::set<std::string>> scan_config(const std::string& labe
   if (first != nullptr && closing == nullptr) {
     add_finding(report, "no-setup-odm", false, where(scan, first),
                 "no <setup_odm> follows the first <model>: the model list runs to the last element",
-                "end the model list with <setup_odm>");
+                "end the model list with <setup_odm>", at(scan, first));
   } else if (setup == nullptr) {
     add_finding(report, "no-setup-odm", false, label,
-                "no <setup_odm>: no property-guarded block is read", "add <setup_odm/>");
+                "no <setup_odm>: no property-guarded block is read", "add <setup_odm/>", {whole});
   }
 
   enum { kBefore, kInList, kAfter } place = kBefore;
@@ -191,7 +209,8 @@ std::map<std::string, std::set<std::string>> scan_config(const std::string& labe
     if (child == first) place = kInList;
     if (models.count(child) != 0 && child->Attribute("name") != nullptr) {
       read_as(&scan, child, "model");
-      scan_aliases(&scan, child);
+      note_line(&scan, "model", child->Attribute("name"), child);
+      scan_aliases(&scan, child, "model alias");
     } else if (child == setup) {
       scan_setup(&scan, child);
     } else if (closes_model_list(child)) {
@@ -207,4 +226,15 @@ std::map<std::string, std::set<std::string>> scan_config(const std::string& labe
     if (child == closing) place = kAfter;
   }
   return scan.tests;
+}
+
+std::vector<Location> config_locations(const Report& report, const std::string& kind,
+                                       const std::string& text) {
+  std::vector<Location> out;
+  const auto it = report.config_lines.find(kind + '\0' + text);
+  for (int line : it == report.config_lines.end() ? std::vector<int>() : it->second) {
+    out.push_back(report.config_file);
+    out.back().line = line;
+  }
+  return out;
 }

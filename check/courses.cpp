@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "check/check.h"
+#include "check/host_io.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/paths.h"
 #include "tarnwick/platform/host_cutils.h"
@@ -43,12 +44,19 @@ struct Device {
   bool provisions = false;
 };
 
-// The bytes of host file |path|, or nothing when it cannot be read.
+// The bytes of host file |path| in the device root as a start reads them:
+// links resolved inside the root, a FIFO found empty; at most 1 MiB.
 std::string bytes_of(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream bytes;
-  bytes << in.rdbuf();
-  return bytes.str();
+  const std::string root = host("");
+  const std::string device = path.rfind(root + "/", 0) == 0 ? path.substr(root.size()) : path;
+  std::string bytes;
+  if (UniqueFile file = open_file(device, "r")) {
+    char buf[65536];
+    for (size_t n; bytes.size() < (1 << 20) && (n = fread(buf, 1, sizeof(buf), file.get())) > 0;) {
+      bytes.append(buf, n);
+    }
+  }
+  return bytes;
 }
 
 // Adds to |out| what a start can read of the device directory |dir|: every
@@ -72,10 +80,7 @@ void fingerprint(const std::string& dir, int depth, std::string* out) {
     if (is_directory(path)) {
       if (depth > 0) fingerprint(path, depth - 1, out);
     } else if (UniqueFile file = open_file(path, "r")) {
-      std::ostringstream bytes;
-      char buf[65536];
-      for (size_t n; (n = fread(buf, 1, sizeof(buf), file.get())) > 0;) bytes.write(buf, n);
-      *out += std::to_string(bytes.str().size()) + '\0' + bytes.str();
+      *out += digest_of(fileno(file.get()));
     }
     *out += '\n';
   }
@@ -100,7 +105,9 @@ OdmState read_state(const std::string& dir) {
     if (status.type() == fs::file_type::symlink) {
       what += fs::read_symlink(path, ec).string();
     } else if (status.type() == fs::file_type::regular) {
-      what += bytes_of(path);
+      const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+      what += fd < 0 ? std::string("unreadable") : digest_of(fd);
+      if (fd >= 0) close(fd);
     }
     state[path.lexically_relative(dir).string()] = what;
   }

@@ -6,19 +6,22 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <algorithm>
 #include <sstream>
 
 #include "check/check.h"
-#include "check/release_tree.h"
+#include "check/host_io.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/paths.h"
 #include "tarnwick/platform/platform.h"
@@ -34,48 +37,19 @@ const char kInstalledProgramDir[] = TARNWICK_LIBEXEC_FROM_BIN;
 const char kVersionProperty[] = "ro.vendor.odm.version";
 // Where the platform's restart request is made.
 const char kRestartProperty[] = "sys.powerctl";
+// A start that has slept this long without running, reading or writing
+// waits for something that will not come (a FIFO's writer): it is stopped.
+// A start that wants the processor or waits on the disk is getting on.
+const int kQuietMs = 1000;
+// How often a running start is looked at.
+const int kPollMs = 100;
+// The largest --config read.
+const size_t kMaxConfig = 256 << 20;
 
 bool old_release_in_place = false;
 
 std::string root_path;
-char removal_path[PATH_MAX];
-
-void remove_device() {
-  if (!root_path.empty()) remove_tree(root_path.c_str());
-}
-
-// An interrupted check leaves no scratch root behind.
-void on_signal(int sig) {
-  remove_tree(removal_path);
-  signal(sig, SIG_DFL);
-  raise(sig);
-}
-
-// Copies the host tree |from| to |to|: directories and regular files with
-// their modes, links as they are, and a FIFO for anything else. What cannot
-// be read is copied empty, so that it cannot be read on the device either.
-void copy_tree(const fs::path& from, const fs::path& to) {
-  std::error_code ec;
-  const fs::file_status status = fs::symlink_status(from, ec);
-  switch (status.type()) {
-    case fs::file_type::directory:
-      fs::create_directory(to, ec);
-      for (const auto& entry : fs::directory_iterator(from, ec)) {
-        copy_tree(entry.path(), to / entry.path().filename());
-      }
-      break;
-    case fs::file_type::symlink:
-      fs::copy_symlink(from, to, ec);
-      return;
-    case fs::file_type::regular:
-      if (!fs::copy_file(from, to, ec)) std::ofstream(to.string());
-      break;
-    default:
-      mkfifo(to.c_str(), 0600);
-      break;
-  }
-  fs::permissions(to, status.permissions(), ec);
-}
+std::vector<Finding> start_findings;
 
 // The program that runs the device starts: beside this checker in a build
 // tree, else where an install puts it.
@@ -88,75 +62,193 @@ std::string program_path() {
   return self.parent_path() / kProgram;
 }
 
-}  // namespace
+// What shows that process |pid| gets on: its CPU time and the bytes it has
+// read and written; and whether it wants the processor or waits on the disk,
+// which is getting on however long it takes. Empty once it is gone.
+std::string progress_of(pid_t pid, bool* busy) {
+  const std::string dir = "/proc/" + std::to_string(pid);
+  const std::string stat = read_regular(dir + "/stat", 4096);
+  const size_t end = stat.rfind(')');
+  *busy = false;
+  if (end == std::string::npos) return "";
+  std::istringstream fields(stat.substr(end + 2));
+  std::string state, field, times;
+  fields >> state;
+  for (int i = 4; i <= 15 && fields >> field; ++i) {
+    if (i >= 14) times += field + " ";  // utime, stime
+  }
+  *busy = state == "R" || state == "D";
+  const std::string io = read_regular(dir + "/io", 4096);
+  return times + io.substr(0, io.find("syscr"));
+}
 
-bool make_scratch(std::string* error) {
-  std::string path = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-  path += "/tarnwick-check.XXXXXX";
-  if (mkdtemp(path.data()) == nullptr || path.size() >= sizeof(removal_path)) {
-    *error = "cannot make a scratch directory in " + path.substr(0, path.rfind('/')) + ": " +
-             strerror(errno);
-    return false;
+// Waits for start |pid| to end, stopping it when it stops getting on; its
+// wait status in |status|; false when it had to be stopped.
+bool wait_bounded(pid_t pid, int* status) {
+  const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  bool busy;
+  std::string last = progress_of(pid, &busy);
+  int quiet = 0;
+  for (;;) {
+    pollfd ready = {pidfd, POLLIN, 0};
+    if (pidfd < 0) usleep(kPollMs * 1000);
+    if ((pidfd < 0 || poll(&ready, 1, kPollMs) > 0) && waitpid(pid, status, WNOHANG) == pid) break;
+    const std::string now = progress_of(pid, &busy);
+    quiet = now == last && !busy ? quiet + kPollMs : 0;
+    last = now;
+    if (quiet >= kQuietMs) {
+      kill(pid, SIGKILL);
+      while (waitpid(pid, status, 0) < 0 && errno == EINTR) {
+      }
+      if (pidfd >= 0) close(pidfd);
+      return false;
+    }
   }
-  root_path = path;
-  strcpy(removal_path, path.c_str());
-  for (int sig : {SIGINT, SIGTERM, SIGHUP}) signal(sig, on_signal);
-  atexit(remove_device);
-  std::error_code ec;
-  for (const char* dir : {"/vendor/etc", "/odm", "/dev/__properties__", "/tarnwick-check"}) {
-    fs::create_directories(host(dir), ec);
-  }
+  if (pidfd >= 0) close(pidfd);
   return true;
 }
 
-bool make_device(const Options& options, const std::string& tree, const std::string& old_tree,
-                 std::string* error) {
-  const std::string& path = root_path;
-  std::error_code ec;
-  std::ofstream(host("/dev/kmsg"));
-  const std::string odm_dir = fs::path(kModelTreePrefix).parent_path();
-  // A tree read from a package or an image lies in the scratch root already.
-  auto place = [](const std::string& from, const std::string& to) {
-    if (from.compare(0, root_path.size() + 1, root_path + "/") == 0) return move_tree(from, to);
-    copy_tree(from, to);
-    return true;
-  };
-  bool placed = place(tree, host(odm_dir));
+// Notes a start that did not end as a start ends: |code| says how, |start|
+// with what properties, |how| any more.
+void start_finding(const std::string& code, const std::string& start, const std::string& how) {
+  for (Finding& f : start_findings) {
+    if (f.code == code) {
+      f.subject += '\n' + start;
+      return;
+    }
+  }
+  start_findings.push_back({code, true, start, how, "", {}});
+}
+
+// The bytes of --config |path|. One inside |tree| is read as a device would
+// read it there, links resolved inside the tree; any other is the user's own.
+std::string read_config(const std::string& path, const std::string& tree) {
+  char real_tree[PATH_MAX], real_dir[PATH_MAX];
+  const std::string dir = fs::path(path).parent_path().empty() ? "." : fs::path(path).parent_path().string();
+  int fd;
+  if (realpath(tree.c_str(), real_tree) != nullptr && realpath(dir.c_str(), real_dir) != nullptr &&
+      (std::string(real_dir) + "/").rfind(std::string(real_tree) + "/", 0) == 0) {
+    const int root = open(real_tree, O_PATH | O_DIRECTORY | O_CLOEXEC);
+    const std::string inside = std::string(real_dir).substr(strlen(real_tree)) + "/" +
+                               fs::path(path).filename().string();
+    fd = root < 0 ? -1 : tarnwick_host::open_in(root, inside.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (root >= 0) close(root);
+  } else {
+    fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  }
+  struct stat st;
+  if (fd < 0 || fstat(fd, &st) != 0) fail("cannot read --config " + path + ": " + strerror(errno));
+  const std::string bytes = read_open(fd, kMaxConfig);
+  close(fd);
+  if (!S_ISREG(st.st_mode)) fail("--config " + path + " is not a regular file");
+  return bytes;
+}
+
+}  // namespace
+
+std::string find_tree(const std::string& given) {
+  // The inner directories are looked up as a device would: inside |given|.
+  const int root = open(given.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (root < 0) return given;
+  std::string tree = given;
+  for (const char* inner : {"/vendor/etc/odm", "/etc/odm"}) {
+    const int fd = tarnwick_host::open_in(root, inner, O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) continue;
+    char buf[PATH_MAX];
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    const ssize_t n = readlink(link.c_str(), buf, sizeof(buf));
+    close(fd);
+    if (n > 0 && static_cast<size_t>(n) < sizeof(buf)) tree.assign(buf, n);
+    break;
+  }
+  close(root);
+  return tree;
+}
+
+std::string scratch_root() {
+  if (root_path.empty()) root_path = make_scratch_root();
+  return root_path;
+}
+
+void make_device(const Options& options, const std::string& tree, const std::string& old_tree,
+                 CopyNotes* notes) {
+  scratch_root();
+  // From here on the program's library finds its device in the scratch root.
+  setenv("TARNWICK_ROOT", root_path.c_str(), 1);
+  tarnwick_host::never_wait_on_open();
+  for (const char* dir : {"/vendor", "/vendor/etc", "/odm", "/dev", "/dev/__properties__", "/tarnwick-check"}) {
+    if (mkdir(host(dir).c_str(), 0755) != 0) fail("cannot make " + host(dir) + ": " + strerror(errno));
+  }
+  write_file(host("/dev/kmsg"), "");
+  copy_input(tree, host(fs::path(kModelTreePrefix).parent_path()), "", notes);
   if (!options.config.empty()) {
-    const bool own = fs::is_regular_file(host(kDefaultConfigPath));
-    fs::copy_file(options.config, host(own ? kDefaultConfigPath : kCheckConfig),
-                  fs::copy_options::overwrite_existing, ec);
+    // --config takes the place of the tree's own configuration, whatever
+    // stands there: a link is replaced, never written through.
+    const std::string own = host(kDefaultConfigPath);
+    struct stat st;
+    const bool replace = lstat(own.c_str(), &st) == 0;
+    if (replace) remove_tree(own);
+    write_file(host(replace ? kDefaultConfigPath : kCheckConfig), read_config(options.config, tree));
   }
-  if (!options.installed.empty()) copy_tree(options.installed, host(kCheckInstalled));
-  if (!old_tree.empty()) placed = place(old_tree, host(kCheckOtherRelease)) && placed;
-  if (ec || !placed || !fs::is_directory(host(odm_dir))) {
-    *error = "cannot copy the tree into " + path + (ec ? ": " + ec.message() : "");
-    return false;
+  if (!options.installed.empty()) copy_input(options.installed, host(kCheckInstalled), options.installed, notes);
+  if (!old_tree.empty()) copy_input(old_tree, host(kCheckOtherRelease), options.update_from, notes);
+}
+
+void write_file(const std::string& path, const std::string& bytes) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  size_t done = 0;
+  for (ssize_t n = 0; fd >= 0 && done < bytes.size(); done += n) {
+    n = write(fd, bytes.data() + done, bytes.size() - done);
+    if (n <= 0) break;
   }
-  setenv("TARNWICK_ROOT", path.c_str(), 1);
-  return true;
+  const bool written = fd >= 0 && done == bytes.size() && close(fd) == 0;
+  if (!written) fail("cannot write " + path + ": " + strerror(errno));
+}
+
+std::vector<Finding> starts_that_did_not_end() {
+  std::vector<Finding> findings;
+  for (const Finding& noted : start_findings) {
+    std::vector<std::string> starts;
+    std::istringstream lines(noted.subject);
+    for (std::string start; std::getline(lines, start);) starts.push_back(start);
+    std::sort(starts.begin(), starts.end());
+    starts.erase(std::unique(starts.begin(), starts.end()), starts.end());
+    const std::string count = std::to_string(starts.size()) + " device start" + (starts.size() == 1 ? "" : "s");
+    findings.push_back(
+        {noted.code, true, "device starts",
+         noted.code == "start-hangs"
+             ? count + " stopped getting on and did not end (stopped after " +
+                   std::to_string(kQuietMs / 1000) + " s asleep): " + join(starts, 4)
+             : count + " ended abnormally (" + noted.message + "): " + join(starts, 4),
+         "see the special-file and unreadable findings; tools/run-device runs such a start on a "
+         "copy of the tree and shows its log",
+         {}});
+  }
+  return findings;
 }
 
 void use_release(bool old) {
   if (old == old_release_in_place) return;
   const std::string odm_dir = host(fs::path(kModelTreePrefix).parent_path());
   const std::string away = host("/tarnwick-check/away");
-  fs::rename(odm_dir, away);
-  fs::rename(host(kCheckOtherRelease), odm_dir);
-  fs::rename(away, host(kCheckOtherRelease));
+  if (rename(odm_dir.c_str(), away.c_str()) != 0 ||
+      rename(host(kCheckOtherRelease).c_str(), odm_dir.c_str()) != 0 ||
+      rename(away.c_str(), host(kCheckOtherRelease).c_str()) != 0) {
+    fail("cannot swap the releases in " + root_path + ": " + strerror(errno));
+  }
   old_release_in_place = old;
 }
 
 void restore_odm(const std::string& from) {
-  fs::remove_all(host("/odm"));
-  copy_tree(from, host("/odm"));
+  remove_tree(host("/odm"));
+  copy_within(from, host("/odm"));
 }
 
 void save_odm(const std::string& to) {
+  remove_tree(to);
   std::error_code ec;
-  fs::remove_all(to, ec);
   fs::create_directories(fs::path(to).parent_path(), ec);
-  copy_tree(host("/odm"), to);
+  copy_within(host("/odm"), to);
 }
 
 std::string host(const std::string& path) { return root_path + path; }
@@ -184,15 +276,13 @@ std::vector<std::pair<std::string, fs::file_type>> list_dir(const std::string& p
 }
 
 void prepare_odm(const Options& options, bool with_installed) {
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(host("/odm"), ec)) {
-    fs::remove_all(entry.path(), ec);
-  }
+  remove_tree(host("/odm"));
   if (with_installed) {
-    fs::copy(host(kCheckInstalled), host("/odm"),
-             fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
+    copy_within(host(kCheckInstalled), host("/odm"));
+  } else if (mkdir(host("/odm").c_str(), 0755) != 0) {
+    fail("cannot make " + host("/odm") + ": " + strerror(errno));
   }
-  fs::create_directories(host("/odm/etc"), ec);
+  device_mkdir("/odm/etc", 0755);
   if (exists_file(kDefaultConfigPath)) {
     copy_file(kDefaultConfigPath, kConfigPath);
   } else if (!options.config.empty()) {
@@ -206,7 +296,7 @@ void put_property(const std::string& name, const std::string& value) {
   if (value.empty()) {
     unlink(path.c_str());
   } else {
-    std::ofstream(path, std::ios::binary) << value;
+    write_file(path, value);
   }
 }
 
@@ -221,16 +311,21 @@ std::map<std::string, std::string> boot_properties(const Options& options, const
 }
 
 void write_properties(const Options& options, const Setting& setting, const std::string& product) {
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(host(tarnwick_host::kPropertyDir), ec)) {
-    fs::remove_all(entry.path(), ec);
+  remove_tree(host(tarnwick_host::kPropertyDir));
+  if (mkdir(host(tarnwick_host::kPropertyDir).c_str(), 0755) != 0) {
+    fail("cannot make " + host(tarnwick_host::kPropertyDir) + ": " + strerror(errno));
   }
   for (const auto& [name, value] : boot_properties(options, setting, product)) put_property(name, value);
 }
 
 bool start_program(const Options& options, const Setting& setting, const std::string& product) {
+  if (!scratch_has_room()) {
+    fail("the scratch directory " + root_path + " has too little room left for a device start, "
+         "which may write a copy of every file of the tree (" +
+         std::to_string(input_size().first >> 10) + " KiB); set TMPDIR to a directory with room");
+  }
   write_properties(options, setting, product);
-  std::ofstream(host("/dev/kmsg"));
+  write_file(host("/dev/kmsg"), "");
   // Under user-mode emulation the program runs through the same wrapper.
   std::vector<std::string> argv;
   std::istringstream wrap(getenv("TARNWICK_WRAP") != nullptr ? getenv("TARNWICK_WRAP") : "");
@@ -239,30 +334,51 @@ bool start_program(const Options& options, const Setting& setting, const std::st
   std::vector<char*> cargv;
   for (std::string& arg : argv) cargv.push_back(arg.data());
   cargv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t pid;
+  // The start goes with the checker, however the checker ends: a start that
+  // waits on a FIFO would otherwise wait for ever.
+  const pid_t parent = getpid();
+  int report[2];
+  if (pipe2(report, O_CLOEXEC) != 0) fail(std::string("cannot start the program: ") + strerror(errno));
+  const pid_t pid = fork();
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (getppid() != parent || null < 0 || dup2(null, 0) < 0 || dup2(null, 1) < 0 || dup2(null, 2) < 0) _exit(127);
+    execvp(cargv[0], cargv.data());
+    const int error = errno;
+    if (write(report[1], &error, sizeof(error)) < 0) _exit(127);
+    _exit(127);
+  }
+  close(report[1]);
+  int spawned = pid < 0 ? errno : 0;
+  if (pid > 0 && read(report[0], &spawned, sizeof(spawned)) == sizeof(spawned)) waitpid(pid, nullptr, 0);
+  close(report[0]);
   int status = 0;
-  const int spawned = posix_spawnp(&pid, cargv[0], &actions, nullptr, cargv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
   if (spawned != 0) {
-    fprintf(stderr, "tarnwick-check: cannot run %s: %s; %s\n", argv[0].c_str(), strerror(spawned),
+    fprintf(stderr, "tarnwick-check: cannot run %s: %s; %s\n", printable(argv[0]).c_str(),
+            strerror(spawned),
             argv.size() > 1 ? "fix TARNWICK_WRAP, or unset it"
                             : "build it (cmake --build build) or install it with this tool "
                               "(cmake --install build)");
     return false;
   }
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  std::string started;
+  for (const auto& [name, value] : boot_properties(options, setting, product)) {
+    if (!value.empty()) started += (started.empty() ? "" : " ") + name + "=" + value;
   }
-  if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return true;
-  const std::string how = WIFSIGNALED(status)
-                              ? "was killed by signal " + std::to_string(WTERMSIG(status))
-                              : "exited with status " + std::to_string(WEXITSTATUS(status));
-  fprintf(stderr, "tarnwick-check: %s %s during a device start; run it on a copy of the tree "
-          "with tools/run-device to see its log\n", argv.back().c_str(), how.c_str());
-  return false;
+  if (started.empty()) started = "no property";
+  if (!wait_bounded(pid, &status)) {
+    start_finding("start-hangs", started, "");
+  } else if (WIFSIGNALED(status)) {
+    start_finding("start-fails", started, std::string("signal ") + strsignal(WTERMSIG(status)));
+  } else if (WEXITSTATUS(status) != 0) {
+    // The program ends 0 whatever it meets: anything else is about this host.
+    fprintf(stderr, "tarnwick-check: %s exited with status %d during a device start; run it on a "
+            "copy of the tree with tools/run-device to see why\n", printable(argv.back()).c_str(),
+            WEXITSTATUS(status));
+    return false;
+  }
+  return true;
 }
 
 bool stamps_were_equal() {

@@ -6,12 +6,14 @@
 #include <dirent.h>
 #include <errno.h>
 #include <getopt.h>
+#include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "check/check.h"
+#include "check/host_io.h"
 #include "check/release_input.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/paths.h"
@@ -44,6 +46,8 @@ Options:
                      devices run now: tell what taking this one does to
                      them, against new devices of this one
   --json             print one JSON document instead of the report
+  --sarif FILE       also write the findings to FILE as a SARIF 2.1.0 log,
+                     each located in the inputs' files (and lines)
   --strict           warnings fail too
   --version          print the version and exit
   -h, --help         show this text
@@ -58,7 +62,7 @@ bool readable_dir(const std::string& path) {
 }
 
 int usage_error(const std::string& message) {
-  fprintf(stderr, "tarnwick-check: %s (see --help)\n", message.c_str());
+  fprintf(stderr, "tarnwick-check: %s (see --help)\n", printable(message).c_str());
   return 2;
 }
 
@@ -67,7 +71,7 @@ int parse(int argc, char** argv, Options* options) {
   static const option kLong[] = {
       {"config", required_argument, nullptr, 'c'}, {"product", required_argument, nullptr, 'p'},
       {"prop", required_argument, nullptr, 'P'},   {"installed", required_argument, nullptr, 'i'},
-      {"update-from", required_argument, nullptr, 'u'},
+      {"update-from", required_argument, nullptr, 'u'}, {"sarif", required_argument, nullptr, 'S'},
       {"json", no_argument, nullptr, 'j'},         {"strict", no_argument, nullptr, 's'},
       {"help", no_argument, nullptr, 'h'},         {"version", no_argument, nullptr, 'V'},
       {nullptr, 0, nullptr, 0}};
@@ -79,6 +83,7 @@ int parse(int argc, char** argv, Options* options) {
       case 'c': options->config = arg; break;
       case 'i': options->installed = arg; break;
       case 'u': options->update_from = arg; break;
+      case 'S': options->sarif = arg; break;
       case 'j': options->json = true; break;
       case 's': options->strict = true; break;
       case 'h': fputs(kUsage, stdout); return 0;
@@ -145,7 +150,7 @@ int check_arguments(const Options& options, const std::string& tree, const std::
 }
 
 // The report and its exit status, over the checker's device.
-int check(const Options& options) {
+int check(const Options& options, const CopyNotes& notes) {
   // The library's own log lines would bury the report.
   android::base::SetMinimumLogSeverity(android::base::FATAL);
   Report report;
@@ -156,11 +161,15 @@ int check(const Options& options) {
                             : installed_config ? options.installed + "/etc/odmconfig.xml"
                                                : "";
   report.config = label.empty() ? "none" : label;
+  report.config_file = !options.config.empty()       ? Location{kInConfig, "", 0}
+                       : exists_file(kDefaultConfigPath) ? vendor_file(kDefaultConfigPath)
+                       : installed_config                ? Location{kInInstalled, "etc/odmconfig.xml", 0}
+                                                         : vendor_file(kDefaultConfigPath);
   if (label.empty()) {
     add_finding(&report, "no-config", false, "odm_default/odm/etc/odmconfig.xml",
                 "is missing: a provisioning run reads whatever /odm/etc/odmconfig.xml holds, "
                 "here nothing, so every product text is its own model",
-                "ship the configuration in odm_default");
+                "ship the configuration in odm_default", {report.config_file});
   }
   prepare_odm(options, !options.installed.empty());
   auto tests = label.empty() ? std::map<std::string, std::set<std::string>>()
@@ -181,31 +190,43 @@ int check(const Options& options) {
     return 2;
   }
   if (!examine_trees(options, &report) || !examine_courses(options, &report)) return 2;
+  add_copy_findings(options, notes, &report);
+  // A start that did not end is about the special and unreadable entries,
+  // when the inputs hold some, else about the tree's configuration.
+  std::vector<Location> suspects;
+  for (const Finding& f : report.findings) {
+    if (f.code == "special-file" || f.code == "unreadable") suspects.push_back(f.locations[0]);
+  }
+  if (suspects.empty()) suspects.push_back(report.config_file);
+  for (Finding f : starts_that_did_not_end()) {
+    add_finding(&report, f.code, f.error, f.subject, f.message, f.advice, suspects);
+  }
   if (options.json) {
     print_json(options, report);
   } else {
     print_text(options, report);
   }
+  if (!options.sarif.empty()) write_sarif(options, report);
   const bool errors = std::any_of(report.findings.begin(), report.findings.end(),
                                   [](const Finding& f) { return f.error; });
   return errors || (options.strict && !report.findings.empty()) ? 1 : 0;
 }
 
-// Reads the release given as |given| into scratch directory |dir|; false
-// after saying why it cannot, |option| naming where it was given.
-bool read_input(const std::string& option, const std::string& given, const char* dir,
-                ReleaseInput* release) {
+// The vendor ODM tree of the release given as |given| (|option| says where,
+// |label| names it in |notes|): a directory inside it, or read into
+// directory |dir| of the scratch root from a package or an image; where it
+// stands in the input in |inner|. Entries the reading could not make go
+// into |notes| as the copy of a directory notes them.
+std::string read_input(const std::string& option, const std::string& given, const std::string& label,
+                       const char* dir, std::string* inner, CopyNotes* notes) {
+  const std::string scratch = scratch_root() + dir;
+  ReleaseInput release;
   std::string error;
-  if (mkdir(host(dir).c_str(), 0700) != 0 || !read_release(given, host(dir), release, &error)) {
-    fprintf(stderr, "tarnwick-check: %s%s\n", option.c_str(),
-            error.empty() ? ("cannot make " + host(dir)).c_str() : error.c_str());
-    return false;
-  }
-  for (const auto& [name, why] : release->unmade) {
-    fprintf(stderr, "tarnwick-check: %s%s: %s is %s: left out of the check\n", option.c_str(),
-            shown(given).c_str(), shown(name).c_str(), why.c_str());
-  }
-  return true;
+  if (mkdir(scratch.c_str(), 0700) != 0) fail("cannot make " + scratch + ": " + strerror(errno));
+  if (!read_release(given, scratch, &release, &error)) fail(option + error);
+  for (const auto& [name, what] : release.unmade) notes->special.push_back({label, name, what});
+  *inner = release.inner;
+  return release.tree;
 }
 
 }  // namespace
@@ -214,25 +235,14 @@ int main(int argc, char** argv) {
   Options options;
   int status = parse(argc, argv, &options);
   if (status >= 0) return status;
-  std::string error;
-  // Packages and images are read into the scratch root, so it comes first.
-  if (!make_scratch(&error)) {
-    fprintf(stderr, "tarnwick-check: %s\n", error.c_str());
-    return 2;
-  }
-  ReleaseInput release, old_release;
-  if (!read_input("", options.tree, "/tarnwick-check/release", &release) ||
-      (!options.update_from.empty() &&
-       !read_input("--update-from ", options.update_from, "/tarnwick-check/old-release", &old_release))) {
-    return 2;
-  }
-  const std::string& tree = release.tree;
-  const std::string& old_tree = old_release.tree;
+  CopyNotes notes;
+  const std::string tree = read_input("", options.tree, "", "/input", &options.tree_inner, &notes);
+  const std::string old_tree =
+      options.update_from.empty() ? ""
+                                  : read_input("--update-from ", options.update_from, options.update_from,
+                                               "/input-old", &options.update_from_inner, &notes);
   status = check_arguments(options, tree, old_tree);
   if (status >= 0) return status;
-  if (!make_device(options, tree, old_tree, &error)) {
-    fprintf(stderr, "tarnwick-check: %s\n", error.c_str());
-    return 2;
-  }
-  return check(options);
+  make_device(options, tree, old_tree, &notes);
+  return check(options, notes);
 }

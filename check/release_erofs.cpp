@@ -63,7 +63,7 @@ void prune_to(const std::string& root, const std::string& tree) {
       const std::string name = entry->d_name;
       if (name != "." && name != ".." && name != part) others.push_back(name);
     }
-    for (const std::string& name : others) remove_tree((dir + "/" + name).c_str());
+    for (const std::string& name : others) remove_unpacked((dir + "/" + name).c_str());
     dir += "/" + part;
   }
 }
@@ -124,7 +124,8 @@ bool read_erofs(int fd, const std::string& scratch, ReleaseInput* in, std::strin
                                          line.size() - at - strlen(kSkipped) - strlen(kSkippedEnd));
     const std::string prefix = root + "/" + tree + "/";
     if (android::base::StartsWith(path, prefix)) {
-      in->unmade.emplace_back(path.substr(prefix.size()), "a device file, which only root may make");
+      // It does not say which kind of device.
+      in->unmade.emplace_back(path.substr(prefix.size()), "device file");
     }
   }
   prune_to(root, tree);

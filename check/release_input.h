@@ -19,7 +19,9 @@ struct ReleaseInput {
   // "SYSTEM/vendor/etc/odm", "etc/odm", "vendor/etc/odm", ... ; "" when it is
   // the directory given.
   std::string inner;
-  // Entries (relative to the tree) that could not be made as what they are, and why.
+  // Entries (relative to the tree) that could not be made as what they are,
+  // and what they are ("character device 1:3"): devices, which only root may
+  // make and which a ZIP holds without their numbers.
   std::vector<std::pair<std::string, std::string>> unmade;
 };
 
@@ -32,7 +34,3 @@ struct ReleaseInput {
 // with |error| set to one line saying what and where.
 bool read_release(const std::string& given, const std::string& scratch, ReleaseInput* out,
                   std::string* error);
-
-// Moves the tree |from|, read into the scratch root, to |to| in the same file
-// system, whatever its own mode; false with errno set.
-bool move_tree(const std::string& from, const std::string& to);

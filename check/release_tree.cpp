@@ -371,11 +371,9 @@ bool out_special(TreeOut* out, const std::string& name, mode_t mode, dev_t devic
   const bool is_device = S_ISCHR(mode) || S_ISBLK(mode);
   if (mknodat(dir.get(), last.c_str(), (mode & S_IFMT) | 0600, is_device ? device : 0) != 0) {
     if (is_device && errno == EPERM) {
-      out->unmade.emplace_back(
-          android::base::Join(components(name), "/"),
-          std::string(S_ISCHR(mode) ? "a character" : "a block") + " device (" +
-              std::to_string(major(device)) + ", " + std::to_string(minor(device)) +
-              "), which only root may make");
+      out->unmade.emplace_back(android::base::Join(components(name), "/"),
+                               std::string(S_ISCHR(mode) ? "character" : "block") + " device " +
+                                   std::to_string(major(device)) + ":" + std::to_string(minor(device)));
       return true;
     }
     *why = errno == EEXIST ? "appears twice" : "cannot be made: " + std::string(strerror(errno));
@@ -414,14 +412,4 @@ bool out_finish(TreeOut* out, std::string* why) {
   return true;
 }
 
-void remove_tree(const char* path) { remove_at(AT_FDCWD, path); }
-
-bool move_tree(const std::string& from, const std::string& to) {
-  // A directory moved to another parent needs write permission on itself
-  // (its ".." changes), which a tree's own mode need not give.
-  struct stat st;
-  if (lstat(from.c_str(), &st) != 0) return false;
-  if (chmod(from.c_str(), st.st_mode | S_IRWXU) != 0) return false;
-  if (rename(from.c_str(), to.c_str()) != 0) return false;
-  return chmod(to.c_str(), st.st_mode & 07777) == 0;
-}
+void remove_unpacked(const char* path) { remove_at(AT_FDCWD, path); }

@@ -89,7 +89,7 @@ bool out_special(TreeOut* out, const std::string& name, mode_t mode, dev_t devic
 bool out_finish(TreeOut* out, std::string* why);
 // Removes |path| and everything under it, directories without permissions
 // too, by system calls alone: a signal handler may call it.
-void remove_tree(const char* path);
+void remove_unpacked(const char* path);
 
 // The readers (release_zip.cpp, release_ext4.cpp, release_erofs.cpp,
 // release_sparse.cpp). Each reads the input open at |fd| into |scratch| and

@@ -87,7 +87,7 @@ bool write_entry(ZipArchiveHandle archive, TreeOut* out, const std::string& name
       return out_special(out, name, entry.zip.unix_mode, 0, why);
     case S_IFCHR:
     case S_IFBLK:
-      out->unmade.emplace_back(name, "a device file, whose numbers a ZIP does not hold");
+      out->unmade.emplace_back(name, type_of(entry) == S_IFCHR ? "character device" : "block device");
       return true;
     default: {
       unique_fd fd;

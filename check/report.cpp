@@ -12,7 +12,8 @@ const size_t kWidth = 100;
 
 // Prints |label| and |text|, the text wrapped after ", " to the report's width
 // and each further line indented under the first.
-void wrapped(const std::string& indent, const std::string& label, const std::string& text) {
+void wrapped(const std::string& indent, const std::string& label, const std::string& raw) {
+  const std::string text = printable(raw);
   std::string lead = indent + label;
   const size_t room = kWidth > lead.size() + 20 ? kWidth - lead.size() : 20;
   size_t start = 0;
@@ -50,7 +51,8 @@ void print_courses(const Report& report, bool update) {
     const std::string before = update ? row.old_final : row.final_model;
     std::string tree = "odm_" + row.final_model;
     if (before != row.final_model) tree = "odm_" + before + " > " + tree;
-    cells.push_back({(!update && row.installed_judged ? "* " : "") + products_of(row), row.when, tree,
+    cells.push_back({(!update && row.installed_judged ? "* " : "") + products_of(row), row.when,
+                     printable(tree),
                      c.provisions ? "provisions: " + shown(c.line_before) + " > " + shown(c.line_after)
                                   : "current: " + shown(c.line_after)});
   }
@@ -84,8 +86,8 @@ void print_courses(const Report& report, bool update) {
 }  // namespace
 
 void print_text(const Options& options, const Report& report) {
-  printf("tarnwick-check %s\n", options.tree.c_str());
-  printf("  configuration  %s\n", report.config.c_str());
+  printf("tarnwick-check %s\n", printable(options.tree).c_str());
+  printf("  configuration  %s\n", printable(report.config).c_str());
   std::string tested;
   for (const auto& [name, values] : report.tested) {
     std::vector<std::string> texts;
@@ -94,7 +96,7 @@ void print_text(const Options& options, const Report& report) {
   }
   wrapped("  ", "tested         ", tested.empty() ? "no property" : tested);
   for (const Stamp& stamp : report.stamps) {
-    printf("  source stamp   %s, version line %s\n", in_tree(stamp.path).c_str(),
+    printf("  source stamp   %s, version line %s\n", printable(in_tree(stamp.path)).c_str(),
            shown(stamp.version_line).c_str());
   }
 
@@ -110,9 +112,9 @@ void print_text(const Options& options, const Report& report) {
     std::string model = row.preliminary == row.final_model
                             ? shown(row.final_model)
                             : shown(row.preliminary) + " > " + shown(row.final_model);
-    cells.push_back({products_of(row), row.when, model, "odm_" + row.final_model});
+    cells.push_back({products_of(row), row.when, model, printable("odm_" + row.final_model)});
     if (next) cells.back().push_back(row.provisions.value_or(false) ? "provisions" : "current");
-    cells.back().push_back(row.why);
+    cells.back().push_back(printable(row.why));
   }
   // Long lists of product texts go on over further lines of their column.
   const size_t kProductsWidth = 32;
@@ -139,7 +141,7 @@ void print_text(const Options& options, const Report& report) {
 
   printf("\nTrees installed\n");
   for (const Tree& tree : report.trees) {
-    printf("  odm_%s\n", tree.model.c_str());
+    printf("  odm_%s\n", printable(tree.model).c_str());
     wrapped("    ", "installs   ", comma_list(tree.installs));
     std::vector<std::string> out;
     for (const auto& [name, what] : tree.left_out) out.push_back(name + " (" + what + ")");
@@ -150,12 +152,12 @@ void print_text(const Options& options, const Report& report) {
   }
 
   if (!options.update_from.empty()) {
-    printf("\nUpdate from %s: its devices once they take this tree\n", options.update_from.c_str());
+    printf("\nUpdate from %s: its devices once they take this tree\n", printable(options.update_from).c_str());
     print_courses(report, true);
   }
   if (!options.installed.empty()) {
     printf("\nNext starts on %s (judged as the rows marked *, whose new devices it is closest to)\n",
-           options.installed.c_str());
+           printable(options.installed).c_str());
     print_courses(report, false);
   }
 
@@ -168,7 +170,7 @@ void print_text(const Options& options, const Report& report) {
                    [](const Finding& a, const Finding& b) { return a.error > b.error; });
   for (const Finding& f : findings) {
     printf("  %-7s  %s  %s: %s\n           -> %s\n", f.error ? "error" : "warning", f.code.c_str(),
-           f.subject.c_str(), f.message.c_str(), f.advice.c_str());
+           printable(f.subject).c_str(), printable(f.message).c_str(), printable(f.advice).c_str());
   }
   if (report.findings.empty()) printf("  none\n");
 }
@@ -235,9 +237,9 @@ void print_json(const Options& options, const Report& report) {
   for (const Finding& f : report.findings) {
     doc["findings"].push_back({{"code", f.code}, {"severity", f.error ? "error" : "warning"},
                                {"subject", f.subject}, {"message", f.message},
-                               {"advice", f.advice}});
+                               {"advice", f.advice}, {"locations", locations_json(options, f)}});
   }
   doc["errors"] = count(report, true);
   doc["warnings"] = count(report, false);
-  printf("%s\n", doc.dump(2, ' ', false, json::error_handler_t::replace).c_str());
+  printf("%s\n", json_text(doc).c_str());
 }

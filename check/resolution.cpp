@@ -68,7 +68,7 @@ std::string describe(const std::vector<Values>& options, const std::vector<Setti
 // from the selection; this only names the step that decided them.
 std::string reason(const std::string& product, const std::string& target_hit,
                    const std::string& model_hit, const std::string& preliminary,
-                   const std::string& final_model) {
+                   const std::string& final_model, bool has_manifest) {
   std::string why = target_hit != product ? "target " + shown(target_hit) + " overrides"
                     : model_hit != product ? "alias of model " + shown(model_hit)
                     : product.empty()      ? "empty"
@@ -79,7 +79,7 @@ std::string reason(const std::string& product, const std::string& target_hit,
   if (final_model != preliminary) {
     const bool cut = preliminary == final_model + kRegionalSuffix;
     why += cut ? "; no manifest, so \"_RU\" dropped" : "; no manifest, so the fallback";
-  } else if (!exists_file(source_manifest_path(final_model))) {
+  } else if (!has_manifest) {
     why += "; its tree has no manifest";
   }
   return why;
@@ -137,38 +137,89 @@ void erase_unreadable(std::set<std::string>* products, Report* report) {
       continue;
     }
     if (report != nullptr && (it->find('/') != std::string::npos || it->find("..") != std::string::npos)) {
+      std::vector<Location> where;
+      for (const char* kind : {"model alias", "target alias", "model", "target"}) {
+        for (const Location& l : config_locations(*report, kind, *it)) where.push_back(l);
+      }
+      if (where.empty()) where.push_back(in_tree_file("odm_" + it->substr(0, it->find('/'))));
       add_finding(report, "path-product", false, "product text " + shown(*it),
                   "holds \"/\" or \"..\": the paths built from it leave odm_" + *it,
-                  "use product texts that are plain names");
+                  "use product texts that are plain names", where);
     }
     ++it;
   }
 }
 
-// Puts the tables and the properties of setting |s| in place.
-void use_setting(const Options& options, const std::vector<Setting>& settings, const Tables& tables,
-                 size_t s) {
-  ModelAliasMap = tables[s].first;
-  TargetAliasMap = tables[s].second;
-  write_properties(options, settings[s], "");
+// The answers of the selection over one setting's tables: both look-ups
+// indexed, so that each product text costs a find, not a pass over the table.
+struct Lookups {
+  std::map<std::string, std::string> models, targets;
+  explicit Lookups(const std::pair<AliasMap, AliasMap>& tables)
+      : models(index_aliases(tables.first)), targets(index_aliases(tables.second)) {}
+};
+
+std::string looked_up(const std::map<std::string, std::string>& index, const std::string& text) {
+  const auto it = index.find(text);
+  return it == index.end() ? text : it->second;
 }
 
-// The answer for |product|, with a setting in place (use_setting), over the
-// release at /vendor/etc/odm; |why| is left to the caller.
-Answer answer(const std::string& product) {
-  put_property(kProductProperty, product);
+// The final models of the names asked so far in the release at
+// /vendor/etc/odm, each asked once; and whether the fallback has a manifest.
+struct Finals {
+  std::map<std::string, std::string> of;
+  std::optional<bool> fallback_has_manifest;
+};
+
+const std::string& final_of(const std::string& preliminary, Finals* finals) {
+  auto [it, added] = finals->of.emplace(preliminary, std::string());
+  if (added) it->second = confirm_model_source(preliminary, kProvisioningRun);
+  return it->second;
+}
+
+// Whether the tree of final model |model| has a manifest: every final model
+// but the fallback has one.
+bool has_manifest(const std::string& model, Finals* finals) {
+  if (model != kDefaultModel) return true;
+  if (!finals->fallback_has_manifest) {
+    finals->fallback_has_manifest = exists_file(source_manifest_path(kDefaultModel));
+  }
+  return *finals->fallback_has_manifest;
+}
+
+// The answer for |product| under |lookups|, over the release at
+// /vendor/etc/odm, as select_model_name and confirm_model_source give it.
+Answer answer(const std::string& product, const Lookups& lookups, Finals* finals) {
+  const std::string model_hit = looked_up(lookups.models, product);
+  const std::string target_hit = looked_up(lookups.targets, product);
   Answer a;
-  a.preliminary = select_model_name(kProvisioningRun);
-  a.final_model = confirm_model_source(a.preliminary, kProvisioningRun);
+  a.preliminary = or_default_model(target_overrides(product, target_hit) ? target_hit : model_hit);
+  a.final_model = final_of(a.preliminary, finals);
+  a.why = reason(product, target_hit, model_hit, a.preliminary, a.final_model,
+                 has_manifest(a.final_model, finals));
   return a;
+}
+
+// The entries of /vendor/etc/odm. A device path under it whose first
+// component is none of them cannot be opened: asking is then not needed.
+std::set<std::string> release_entries() {
+  std::set<std::string> names;
+  for (const auto& entry : list_dir(fs::path(kModelTreePrefix).parent_path())) names.insert(entry.first);
+  return names;
+}
+
+// True when the device path made of kModelTreePrefix, |name| and more can
+// lead anywhere, by |entries|.
+bool may_exist(const std::set<std::string>& entries, const std::string& name) {
+  return entries.count("odm_" + name.substr(0, name.find('/'))) != 0;
 }
 
 // The source stamp each of |products| reads, in the release at /vendor/etc/odm.
 std::vector<std::string> stamps_of(const std::set<std::string>& products) {
+  const std::set<std::string> entries = release_entries();
   std::vector<std::string> stamps;
   for (const std::string& product : products) {
     const std::string sku = sku_stamp_path(product);
-    stamps.push_back(exists_file(sku) ? sku : kDefaultStampPath);
+    stamps.push_back(may_exist(entries, product) && exists_file(sku) ? sku : kDefaultStampPath);
   }
   return stamps;
 }
@@ -189,13 +240,14 @@ void check_aliases(const Tables& tables, Report* report) {
           add_finding(report, "long-alias", false, "alias " + shown(alias.substr(0, 40) + "..."),
                       "is " + std::to_string(alias.size()) +
                           " bytes long: no product text can match it (at most 91 bytes)",
-                      "shorten the alias");
+                      "shorten the alias", config_locations(*report, kind + " alias", alias));
         }
         if (!alias.empty() && trimmed(alias) != alias) {
           add_finding(report, "alias-whitespace", false, "alias " + shown(alias),
                       "has blanks or line breaks around its text, which a product text must "
                       "then carry too",
-                      "write it as <alias>" + trimmed(alias) + "</alias>");
+                      "write it as <alias>" + trimmed(alias) + "</alias>",
+                      config_locations(*report, kind + " alias", alias));
         }
         if (keys.size() < 2) continue;
         std::string names;
@@ -204,26 +256,29 @@ void check_aliases(const Tables& tables, Report* report) {
         }
         add_finding(report, "ambiguous-alias", false, "alias " + shown(alias),
                     "stands under the " + kind + "s " + names + "; " +
-                        shown(get_model_name(alias, *table)) +
+                        shown(first_entry_with(*table, alias)->first) +
                         " wins, by name order, not by order in the file",
-                    "keep each alias under one " + kind);
+                    "keep each alias under one " + kind, config_locations(*report, kind + " alias", alias));
       }
     }
   }
 }
 
 // Models and targets the configuration names whose tree cannot be installed.
-void check_names(const Tables& tables, Report* report) {
+// |finals| knows the final model of each name (a name is its own final model
+// exactly when its tree has a manifest).
+void check_names(const Tables& tables, Finals* finals, Report* report) {
   std::set<std::pair<std::string, std::string>> names;
   for (const auto& [models, targets] : tables) {
     for (const auto& entry : models) names.insert({"model", entry.first});
     for (const auto& entry : targets) names.insert({"target", entry.first});
   }
+  const std::set<std::string> entries = release_entries();
   for (const auto& [kind, name] : names) {
+    const std::string instead = final_of(name, finals);
     // The fallback's own tree is the fallback finding's matter.
-    if (name == kDefaultModel || exists_file(source_manifest_path(name))) continue;
-    const bool tree = is_directory(kModelTreePrefix + name);
-    const std::string instead = confirm_model_source(name, kProvisioningRun);
+    if (name == kDefaultModel || instead == name) continue;
+    const bool tree = may_exist(entries, name) && is_directory(kModelTreePrefix + name);
     // A name with no tree of its own that the selection maps to another real
     // tree (the regional rule) is by design; a tree it skips is not.
     if (!tree && instead != kDefaultModel) continue;
@@ -231,7 +286,8 @@ void check_names(const Tables& tables, Report* report) {
                 (tree ? "its tree odm_" + name + " has no vintf/manifest.xml"
                       : "has no tree odm_" + name) +
                     ": its devices get odm_" + instead,
-                tree ? "add the manifest to the tree" : "add the tree, or fix the name");
+                tree ? "add the manifest to the tree" : "add the tree, or fix the name",
+                config_locations(*report, kind, name));
   }
 }
 
@@ -274,7 +330,8 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
 
   const auto tables = load_tables(options, report->settings);
   check_aliases(tables, report);
-  check_names(tables, report);
+  Finals finals;
+  check_names(tables, &finals, report);
 
   std::set<std::string> products;
   if (options.products) {
@@ -301,23 +358,12 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
   // answers[p][s]: the answer for product p under setting s.
   std::vector<std::vector<Answer>> answers(products.size());
   const std::vector<std::string> stamps = stamps_of(products);
-  // The model list does not depend on the properties, so its answers for the
-  // reasons are asked again only when a setting gives another model table.
-  std::vector<std::string> model_hits;
   for (size_t s = 0; s < report->settings.size(); ++s) {
-    if (s == 0 || tables[s].first != tables[s - 1].first) {
-      model_hits.clear();
-      for (const std::string& product : products) {
-        model_hits.push_back(get_model_name(product, tables[s].first));
-      }
-    }
-    use_setting(options, report->settings, tables, s);
+    const Lookups lookups(tables[s]);
     size_t p = 0;
     for (const std::string& product : products) {
-      Answer a = answer(product);
+      Answer a = answer(product, lookups, &finals);
       a.stamp = stamps[p];
-      a.why = reason(product, get_model_name(product, TargetAliasMap), model_hits[p], a.preliminary,
-                     a.final_model);
       answers[p++].push_back(a);
     }
   }
@@ -327,20 +373,16 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
   if (update) {
     use_release(true);
     const std::vector<std::string> old_stamps = stamps_of(products);
+    Finals old_finals;
     for (size_t s = 0; s < report->settings.size(); ++s) {
       const bool same_tables = old_tables[s] == tables[s];
-      if (!same_tables) use_setting(options, report->settings, old_tables, s);
+      const std::optional<Lookups> lookups =
+          same_tables ? std::nullopt : std::make_optional<Lookups>(old_tables[s]);
       size_t p = 0;
       for (const std::string& product : products) {
         Answer& a = answers[p][s];
-        if (same_tables) {
-          a.old_preliminary = a.preliminary;
-          a.old_final = confirm_model_source(a.preliminary, kProvisioningRun);
-        } else {
-          const Answer old = answer(product);
-          a.old_preliminary = old.preliminary;
-          a.old_final = old.final_model;
-        }
+        a.old_preliminary = same_tables ? a.preliminary : answer(product, *lookups, &old_finals).preliminary;
+        a.old_final = final_of(a.old_preliminary, &old_finals);
         a.old_stamp = old_stamps[p++];
       }
     }

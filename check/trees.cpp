@@ -54,7 +54,8 @@ void check_tree_config(const Options& options, const Report& report, const Tree&
   add_finding(out, "tree-config", false, "odm_" + tree.model + "/odm/etc/" + kTreeConfig,
               "is installed over /odm/etc/odmconfig.xml after the configuration was read: " +
                   effect,
-              "keep the configuration in odm_default only");
+              "keep the configuration in odm_default only",
+              {vendor_file(source_etc_dir(tree.model) + kTreeConfig)});
 }
 
 }  // namespace
@@ -65,7 +66,8 @@ bool examine_trees(const Options& options, Report* report) {
     add_finding(report, "no-fallback", true, std::string("odm_") + kDefaultModel,
                 tree ? "the fallback tree has no vintf/manifest.xml"
                      : "the fallback tree is missing",
-                "devices whose model has no tree get no manifest: ship the fallback tree whole");
+                "devices whose model has no tree get no manifest: ship the fallback tree whole",
+                {vendor_file(source_manifest_path(kDefaultModel))});
   }
 
   for (const Row& row : report->rows) {
@@ -118,7 +120,8 @@ bool examine_trees(const Options& options, Report* report) {
       add_finding(report, "no-unavailable-features", false, "odm_" + tree.model,
                   std::string("has no etc/") + kFixedInstalls[1] +
                       ": each provisioning empties the installed copy and logs an error",
-                  "add the file, with no feature in it if none is unavailable");
+                  "add the file, with no feature in it if none is unavailable",
+                  {vendor_file(etc + kFixedInstalls[1])});
     }
     if (std::binary_search(listed.begin(), listed.end(), kTreeConfig)) {
       check_tree_config(options, *report, tree, report);
@@ -152,7 +155,7 @@ bool examine_trees(const Options& options, Report* report) {
       add_finding(report, "sku-stamp", false, shown,
                   "replaces odm_default/odm/odmver.txt for " + join(stamp.products) +
                       (empty ? ", and is empty" : ""),
-                  "keep one stamp, in odm_default");
+                  "keep one stamp, in odm_default", {vendor_file(stamp.path)});
     }
     if (stamp.restarts_every_start) {
       const bool missing = !exists_file(stamp.path);
@@ -160,7 +163,7 @@ bool examine_trees(const Options& options, Report* report) {
                   std::string(missing ? "is missing" : "ends in an empty line") +
                       ": every start provisions and restarts the device (" +
                       join(stamp.products) + ")",
-                  "ship the stamp with the version as its last line");
+                  "ship the stamp with the version as its last line", {vendor_file(stamp.path)});
     }
   }
 

@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
+#include <unistd.h>
 
 #include "tests/harness.h"
 
@@ -99,6 +101,60 @@ TEST(Check, ExitStatus) {
     args.insert(args.begin(), TARNWICK_CHECK);
     EXPECT_EQ(run(args), status) << testing::PrintToString(args);
   }
+}
+
+}  // namespace
+
+namespace {
+
+// Each finding about the configuration points at the line of the element
+// that causes it, in the JSON document and in the SARIF log alike.
+TEST(Check, ConfigFindingsPointAtTheirLines) {
+  const std::string faulty = kSamples + "/faulty", config = "vendor/etc/odm/odm_default/odm/etc/odmconfig.xml";
+  std::vector<std::string> lines = {""};
+  std::istringstream text(get(faulty + "/" + config));
+  for (std::string line; std::getline(text, line);) lines.push_back(line);
+  // code -> what each of its lines holds
+  const std::map<std::string, std::string> expected = {
+      {"no-setup-odm", "<model name=\"KT1\">"}, {"bad-property-name", "config_name=\"ro boot sku\""},
+      {"unreadable-property", "ro.boot.serialno"}, {"property-needs-rule", "ro.vendor.build.security_patch"},
+      {"long-config-value", "config_value=\"vvvv"}, {"passed-over", "<model>"},
+      {"read-as", "<note name=\"KT2\">"}, {"alias-whitespace", "<alias> kite_eu</alias>"},
+      {"ambiguous-alias", "<alias>kite</alias>"}, {"long-alias", "<alias>kkkk"},
+      {"missing-tree", "<model name=\"RK9\">"}, {"path-product", "<alias>../odm_KT1</alias>"}};
+  const std::string sarif = fs::temp_directory_path() / ("tarnwick-sarif." + std::to_string(getpid()));
+  const nlohmann::json doc = report({"--sarif", sarif, faulty});
+  const nlohmann::json log = nlohmann::json::parse(get(sarif));
+  fs::remove(sarif);
+  const auto& results = log["runs"][0]["results"];
+  ASSERT_EQ(results.size(), doc["findings"].size());
+  std::set<std::string> seen;
+  for (size_t i = 0; i < results.size(); ++i) {
+    const auto& finding = doc["findings"][i];
+    const std::string code = finding["code"];
+    SCOPED_TRACE(code);
+    ASSERT_EQ(results[i]["ruleId"], code);
+    ASSERT_FALSE(finding["locations"].empty());
+    ASSERT_EQ(results[i]["locations"].size(), finding["locations"].size());
+    for (size_t l = 0; l < finding["locations"].size(); ++l) {
+      const auto& at = finding["locations"][l];
+      const auto& physical = results[i]["locations"][l]["physicalLocation"];
+      EXPECT_EQ(at["input"], "tree");
+      EXPECT_EQ(physical["artifactLocation"]["uriBaseId"], "TREE");
+      EXPECT_EQ(physical["artifactLocation"]["uri"], at["file"]);
+      // A finding about a missing file points where the file belongs.
+      const std::set<std::string> missing = {"no-fallback", "no-unavailable-features", "no-source-stamp"};
+      EXPECT_TRUE(fs::exists(faulty + "/" + at["file"].get<std::string>()) || missing.count(code) != 0) << at;
+      if (expected.count(code) == 0) continue;
+      seen.insert(code);
+      EXPECT_EQ(at["file"], config);
+      const int line = at.value("line", 0);
+      ASSERT_GT(line, 0);
+      EXPECT_EQ(physical["region"]["startLine"], line);
+      EXPECT_NE(lines.at(line).find(expected.at(code)), std::string::npos) << line << ": " << lines.at(line);
+    }
+  }
+  EXPECT_EQ(seen.size(), expected.size());
 }
 
 }  // namespace

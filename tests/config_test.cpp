@@ -75,6 +75,13 @@ TEST_F(Config, Lookup) {
     EXPECT_EQ(get_model_name(alias, table), result) << alias;
     EXPECT_EQ(TakeLog().size(), lines) << alias;
   }
+  // A host tool's index gives every alias the look-up's answer, an alias
+  // under several keys (in either order in the file) and twice under one too.
+  const AliasMap shared = {{"beta", "x"}, {"alpha", "y"}, {"beta", "y"}, {"alpha", "x"}, {"gamma", "x"}, {"gamma", "z"}, {"gamma", "z"}};
+  const auto index = index_aliases(shared);
+  EXPECT_EQ(index.size(), 3u);
+  for (const auto& [alias, key] : index) EXPECT_EQ(key, get_model_name(alias, shared)) << alias;
+  TakeLog();
 }
 
 // Preliminary and final model, and the messages that depend on the case:

@@ -11,6 +11,12 @@ bool ends_with_regional_suffix(const std::string& model) {
 
 }  // namespace
 
+bool target_overrides(const std::string& product, const std::string& target) {
+  return target != product;
+}
+
+std::string or_default_model(const std::string& model) { return model.empty() ? kDefaultModel : model; }
+
 std::string source_manifest_path(const std::string& model) {
   return kModelTreePrefix + model + "/odm/etc/vintf/manifest.xml";
 }
@@ -29,14 +35,13 @@ std::string select_model_name(SelectionVariant variant) {
   LOG(ERROR) << (query ? "[automation]model_str from get_model_name_roconfig "
                        : "model_str from get_model_name_roconfig ")
              << target;
-  if (target != product) {
+  if (target_overrides(product, target)) {
     LOG(ERROR) << (query ? "[automation]model_name is diff from  model_str_roconfig "
                          : "model_name is diff from  model_str_roconfig ");
     model = target;
   }
   LOG(ERROR) << (query ? "[automation]  model_str = " : "model_str from get_model_name ") << model;
-  if (model.empty()) model = kDefaultModel;
-  return model;
+  return or_default_model(model);
 }
 
 std::string confirm_model_source(std::string model, SelectionVariant variant) {

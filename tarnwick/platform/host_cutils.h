@@ -2,6 +2,8 @@
 // signatures are the platform's; the behaviour is described beside each function.
 #pragma once
 
+#include <sys/types.h>
+
 #define PROP_VALUE_MAX 92
 
 #define ANDROID_RB_RESTART 0xDEAD0001
@@ -47,5 +49,15 @@ void find_device_root();
 
 // rename(2) of two device paths, resolved as device_open resolves them.
 int rename_path(const char* from, const char* to);
+
+// For host tools that read a tree they were given through the program's
+// library: from now on this process's opens of device paths never wait for
+// the other end of a FIFO (they find it empty), where a device would hang.
+void never_wait_on_open();
+
+// open(2) of |path| inside the directory |root| as if it were "/", as device
+// paths are resolved; for host tools that lay out or read a device root of
+// their own (no read-only /vendor here). -1 with errno set on failure.
+int open_in(int root, const char* path, int flags, mode_t mode = 0);
 
 }  // namespace tarnwick_host

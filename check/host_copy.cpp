@@ -1,0 +1,218 @@
+// Copies of what the checker was given, and its reads of them, by system
+// calls on directory descriptors: no link below the top is followed, no FIFO
+// is opened, no device file is made, and a file's holes stay holes.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "check/check.h"
+#include "check/host_io.h"
+
+namespace {
+
+// The regular files the copies of the inputs hold: their count and bytes.
+unsigned long long input_bytes = 0, input_files = 0;
+
+const size_t kChunk = 1 << 20;
+
+struct Fd {
+  int fd;
+  explicit Fd(int f) : fd(f) {}
+  ~Fd() {
+    if (fd >= 0) close(fd);
+  }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+};
+
+std::string joined(const std::string& dir, const std::string& name) {
+  return dir.empty() ? name : dir + "/" + name;
+}
+
+// What a special file is, in words.
+std::string special_kind(const struct stat& st) {
+  if (S_ISFIFO(st.st_mode)) return "FIFO";
+  if (S_ISSOCK(st.st_mode)) return "socket";
+  const std::string numbers = " " + std::to_string(major(st.st_rdev)) + ":" + std::to_string(minor(st.st_rdev));
+  if (S_ISCHR(st.st_mode)) return "character device" + numbers;
+  if (S_ISBLK(st.st_mode)) return "block device" + numbers;
+  return "file of unknown type";
+}
+
+// Copies |size| bytes from |in| to |out|, leaving the holes of |in| as holes.
+// False, with errno set, when a write fails; a read that fails or ends early
+// ends the copy (the rest stays a hole), as a file cut short would.
+bool copy_bytes(int in, int out, off_t size) {
+  std::unique_ptr<char[]> buf(new char[kChunk]);
+  for (off_t pos = 0; pos < size;) {
+    off_t data = lseek(in, pos, SEEK_DATA);
+    if (data < 0 && errno == ENXIO) break;  // only a hole is left
+    if (data < 0) data = pos;                // no hole look-up here: read on
+    off_t hole = lseek(in, data, SEEK_HOLE);
+    if (hole < 0 || hole > size) hole = size;
+    for (pos = data; pos < hole;) {
+      const ssize_t n = pread(in, buf.get(), std::min<off_t>(kChunk, hole - pos), pos);
+      if (n <= 0) return ftruncate(out, size) == 0;
+      for (ssize_t done = 0; done < n;) {
+        const ssize_t w = pwrite(out, buf.get() + done, n - done, pos + done);
+        if (w <= 0) {
+          if (w == 0) errno = ENOSPC;
+          return false;
+        }
+        done += w;
+      }
+      pos += n;
+    }
+  }
+  return ftruncate(out, size) == 0;
+}
+
+void write_failed(const std::string& what, const std::string& where) {
+  fail("cannot " + what + " " + where + ": " + strerror(errno) +
+       (errno == ENOSPC || errno == EDQUOT ? " (set TMPDIR to a directory with room)" : ""));
+}
+
+// Copies entry |name| of directory |from| (its path |shown| in notes, or none
+// when |notes| is null) into directory |to|, as host path |to_path| for errors.
+void copy_entry(int from, int to, const std::string& name, const std::string& label,
+                const std::string& shown, const std::string& to_path, CopyNotes* notes) {
+  struct stat st;
+  const std::string where = to_path + "/" + name;
+  if (fstatat(from, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (notes != nullptr) notes->unreadable.push_back({label, shown, strerror(errno)});
+    return;
+  }
+  const mode_t mode = st.st_mode & 07777;
+  if (S_ISLNK(st.st_mode)) {
+    std::string target(st.st_size > 0 ? st.st_size + 1 : 4096, '\0');
+    const ssize_t n = readlinkat(from, name.c_str(), target.data(), target.size());
+    if (n < 0) {
+      if (notes != nullptr) notes->unreadable.push_back({label, shown, strerror(errno)});
+      return;
+    }
+    target.resize(n);
+    if (symlinkat(target.c_str(), to, name.c_str()) != 0) write_failed("make the link", where);
+  } else if (S_ISDIR(st.st_mode)) {
+    if (mkdirat(to, name.c_str(), 0700) != 0) write_failed("make the directory", where);
+    Fd in(openat(from, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    Fd out(openat(to, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (out.fd < 0) write_failed("open the directory", where);
+    if (in.fd < 0) {
+      if (notes != nullptr) notes->unreadable.push_back({label, shown, strerror(errno)});
+    } else {
+      std::unique_ptr<DIR, int (*)(DIR*)> listing(fdopendir(dup(in.fd)), closedir);
+      std::vector<std::string> names;
+      errno = 0;
+      while (const dirent* entry = listing ? readdir(listing.get()) : nullptr) {
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.push_back(entry->d_name);
+      }
+      if ((!listing || errno != 0) && notes != nullptr) notes->unreadable.push_back({label, shown, strerror(errno)});
+      for (const std::string& child : names) {
+        copy_entry(in.fd, out.fd, child, label, joined(shown, child), where, notes);
+      }
+    }
+    if (fchmod(out.fd, mode) != 0) write_failed("set the mode of", where);
+  } else if (S_ISREG(st.st_mode)) {
+    if (notes != nullptr) {
+      input_bytes += st.st_size;
+      ++input_files;
+    }
+    Fd in(openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    Fd out(openat(to, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (out.fd < 0) write_failed("make the file", where);
+    if (in.fd < 0) {
+      // Left empty, with the mode that made it unreadable.
+      if (notes != nullptr) notes->unreadable.push_back({label, shown, strerror(errno)});
+    } else if (!copy_bytes(in.fd, out.fd, st.st_size)) {
+      write_failed("write", where);
+    }
+    if (fchmod(out.fd, mode) != 0) write_failed("set the mode of", where);
+  } else if (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode)) {
+    if (notes != nullptr) notes->special.push_back({label, shown, special_kind(st)});
+    if (mknodat(to, name.c_str(), (st.st_mode & S_IFMT) | 0600, 0) != 0 ||
+        fchmodat(to, name.c_str(), mode, 0) != 0) {
+      write_failed("make the " + special_kind(st), where);
+    }
+  } else if (notes != nullptr) {
+    // A device's bytes are the host's, never the input's: not made.
+    notes->special.push_back({label, shown, special_kind(st)});
+  }
+}
+
+}  // namespace
+
+void copy_input(const std::string& from, const std::string& to, const std::string& label,
+                CopyNotes* notes) {
+  // The top is copied under a name of its own, then given its place.
+  const std::string parent = to.substr(0, to.rfind('/'));
+  Fd in(open(from.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (in.fd < 0) fail("cannot read " + from + ": " + strerror(errno));
+  Fd out(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (out.fd < 0) write_failed("open", parent);
+  const std::string name = to.substr(to.rfind('/') + 1);
+  struct stat st;
+  if (fstat(in.fd, &st) != 0) fail("cannot read " + from + ": " + strerror(errno));
+  if (mkdirat(out.fd, name.c_str(), 0700) != 0) write_failed("make the directory", to);
+  Fd top(openat(out.fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (top.fd < 0) write_failed("open the directory", to);
+  std::unique_ptr<DIR, int (*)(DIR*)> listing(fdopendir(dup(in.fd)), closedir);
+  std::vector<std::string> names;
+  errno = 0;
+  while (const dirent* entry = listing ? readdir(listing.get()) : nullptr) {
+    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.push_back(entry->d_name);
+  }
+  if (!listing || errno != 0) fail("cannot read " + from + ": " + strerror(errno));
+  for (const std::string& child : names) copy_entry(in.fd, top.fd, child, label, child, to, notes);
+  if (fchmod(top.fd, (st.st_mode & 07777) | 0700) != 0) write_failed("set the mode of", to);
+}
+
+std::pair<unsigned long long, unsigned long long> input_size() { return {input_bytes, input_files}; }
+
+void copy_within(const std::string& from, const std::string& to) { copy_input(from, to, "", nullptr); }
+
+std::string read_open(int fd, size_t limit) {
+  struct stat st;
+  if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return "";
+  // Up to the end, not to st_size: /proc's files tell no size.
+  std::string bytes;
+  char buf[65536];
+  for (ssize_t n; bytes.size() < limit &&
+                  (n = pread(fd, buf, std::min(sizeof(buf), limit - bytes.size()), bytes.size())) > 0;) {
+    bytes.append(buf, n);
+  }
+  return bytes;
+}
+
+std::string read_regular(const std::string& path, size_t limit) {
+  Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  return read_open(fd.fd, limit);
+}
+
+std::string digest_of(int fd) {
+  std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+  EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr);
+  std::unique_ptr<char[]> buf(new char[kChunk]);
+  for (off_t pos = 0;;) {
+    const ssize_t n = pread(fd, buf.get(), kChunk, pos);
+    if (n <= 0) break;
+    EVP_DigestUpdate(ctx.get(), buf.get(), n);
+    pos += n;
+  }
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  EVP_DigestFinal_ex(ctx.get(), md, &length);
+  static const char kHex[] = "0123456789abcdef";
+  std::string hex;
+  for (unsigned int i = 0; i < length; ++i) {
+    hex += kHex[md[i] >> 4];
+    hex += kHex[md[i] & 15];
+  }
+  return hex;
+}
