@@ -216,15 +216,15 @@ int check(const Options& options, const CopyNotes& notes) {
 // |label| names it in |notes|): a directory inside it, or read into
 // directory |dir| of the scratch root from a package or an image; where it
 // stands in the input in |inner|. Entries the reading could not make go
-// into |notes| as the copy of a directory notes them.
+// into |unmade|, as the copy of a directory notes them.
 std::string read_input(const std::string& option, const std::string& given, const std::string& label,
-                       const char* dir, std::string* inner, CopyNotes* notes) {
+                       const char* dir, std::string* inner, std::vector<CopyNote>* unmade) {
   const std::string scratch = scratch_root() + dir;
   ReleaseInput release;
   std::string error;
   if (mkdir(scratch.c_str(), 0700) != 0) fail("cannot make " + scratch + ": " + strerror(errno));
   if (!read_release(given, scratch, &release, &error)) fail(option + error);
-  for (const auto& [name, what] : release.unmade) notes->special.push_back({label, name, what});
+  for (const auto& [name, what] : release.unmade) unmade->push_back({label, name, what});
   *inner = release.inner;
   return release.tree;
 }
@@ -235,14 +235,16 @@ int main(int argc, char** argv) {
   Options options;
   int status = parse(argc, argv, &options);
   if (status >= 0) return status;
-  CopyNotes notes;
-  const std::string tree = read_input("", options.tree, "", "/input", &options.tree_inner, &notes);
+  std::vector<CopyNote> unmade;
+  const std::string tree = read_input("", options.tree, "", "/input", &options.tree_inner, &unmade);
   const std::string old_tree =
       options.update_from.empty() ? ""
                                   : read_input("--update-from ", options.update_from, options.update_from,
-                                               "/input-old", &options.update_from_inner, &notes);
+                                               "/input-old", &options.update_from_inner, &unmade);
   status = check_arguments(options, tree, old_tree);
   if (status >= 0) return status;
+  CopyNotes notes;
   make_device(options, tree, old_tree, &notes);
+  notes.special.insert(notes.special.end(), unmade.begin(), unmade.end());
   return check(options, notes);
 }
