@@ -74,7 +74,8 @@ bool run_child(const std::function<int(int error_fd)>& work, const std::string& 
     if ((p[1].revents & POLLIN) != 0) confine_serve(confinement);
     char buf[4096];
     for (ssize_t n; (n = read(from_child.get(), buf, sizeof(buf))) > 0;) {
-      if (output->size() < kMaxOutput) output->append(buf, std::min<size_t>(n, kMaxOutput - output->size()));
+      if (output->size() < kMaxOutput)
+        output->append(buf, std::min<size_t>(n, kMaxOutput - output->size()));
     }
     const pid_t done = waitpid(pid, &status, WNOHANG);
     if (done == pid) break;
@@ -83,7 +84,8 @@ bool run_child(const std::function<int(int error_fd)>& work, const std::string& 
     }
     const uint64_t free_now = free_bytes(scratch);
     if (killed_why.empty() && free_now < free_before && free_before - free_now > kMaxImageBytes) {
-      killed_why = "took more than " + std::to_string(kMaxImageBytes >> 30) + " GiB of the scratch space";
+      killed_why =
+          "took more than " + std::to_string(kMaxImageBytes >> 30) + " GiB of the scratch space";
     }
     if (!killed_why.empty()) {
       kill(pid, SIGKILL);

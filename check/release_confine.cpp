@@ -50,14 +50,14 @@ const int kJudged[] = {
     SYS_fchmodat, 452 /* fchmodat2 */};
 const int kIgnored[] = {
 #ifdef SYS_utime
-    SYS_utime, SYS_utimes, SYS_futimesat,
+    SYS_utime,     SYS_utimes,  SYS_futimesat,
 #endif
 #ifdef SYS_chown
-    SYS_chown, SYS_lchown,
+    SYS_chown,     SYS_lchown,
 #endif
     SYS_utimensat, SYS_fchownat};
-const int kRefused[] = {SYS_fchmod, SYS_fchown, SYS_setxattr, SYS_lsetxattr, SYS_fsetxattr,
-                        SYS_removexattr, SYS_lremovexattr, SYS_fremovexattr};
+const int kRefused[] = {SYS_fchmod,    SYS_fchown,      SYS_setxattr,     SYS_lsetxattr,
+                        SYS_fsetxattr, SYS_removexattr, SYS_lremovexattr, SYS_fremovexattr};
 
 std::vector<sock_filter> filter_program() {
   std::vector<sock_filter> program = {
@@ -111,8 +111,8 @@ int judged_chmod(const Confinement& confinement, const std::string& path, mode_t
   open_how how = {};
   how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-  unique_fd fd(static_cast<int>(syscall(SYS_openat2, confinement.root_fd.get(), rest.c_str(), &how,
-                                        sizeof(how))));
+  unique_fd fd(static_cast<int>(
+      syscall(SYS_openat2, confinement.root_fd.get(), rest.c_str(), &how, sizeof(how))));
   if (fd < 0) return EPERM;
   const std::string self = "/proc/self/fd/" + std::to_string(fd.get());
   return fchmodat(AT_FDCWD, self.c_str(), mode & 07777, 0) == 0 ? 0 : errno;
@@ -125,7 +125,8 @@ bool confine_prepare(const std::string& dir, Confinement* confinement, std::stri
     *why = "cannot be confined on this machine's architecture";
     return false;
   }
-  const long abi = syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
+  const long abi =
+      syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
   if (abi < 1) {
     *why = "cannot be confined: this kernel has no Landlock (" + std::string(strerror(errno)) + ")";
     return false;
@@ -219,7 +220,7 @@ void confine_serve(Confinement* confinement) {
   std::vector<char> response_buf(std::max(confinement->resp_size, sizeof(seccomp_notif_resp)));
   auto* request = reinterpret_cast<seccomp_notif*>(request_buf.data());
   if (ioctl(confinement->listener.get(), SECCOMP_IOCTL_NOTIF_RECV, request) != 0) return;
-  // chmod(path, mode); fchmodat(dir, path, mode[, flags]).
+    // chmod(path, mode); fchmodat(dir, path, mode[, flags]).
 #ifdef SYS_chmod
   const bool at = request->data.nr != SYS_chmod;
 #else
@@ -229,7 +230,8 @@ void confine_serve(Confinement* confinement) {
   const mode_t mode = static_cast<mode_t>(request->data.args[at ? 2 : 1]);
   // Opened for each call: a file opened before the child's exec would show
   // the memory it had then.
-  unique_fd mem(open(("/proc/" + std::to_string(request->pid) + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
+  unique_fd mem(
+      open(("/proc/" + std::to_string(request->pid) + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
   const std::string path = mem < 0 ? "" : remote_path(mem.get(), address);
   int error = EPERM;
   // The path is read before the call is known to be still waiting: a

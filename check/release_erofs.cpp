@@ -35,7 +35,8 @@ const char kImagePath[] = "/proc/self/fd/3";
 // program of the working directory, which may be the tree); empty when none has it.
 std::string find_program(const char* name) {
   const char* path = getenv("PATH");
-  for (const std::string& dir : android::base::Split(path != nullptr ? path : "/usr/sbin:/usr/bin", ":")) {
+  for (const std::string& dir :
+       android::base::Split(path != nullptr ? path : "/usr/sbin:/usr/bin", ":")) {
     if (dir.empty() || dir[0] != '/') continue;
     const std::string candidate = dir + "/" + name;
     if (access(candidate.c_str(), X_OK) == 0) return candidate;
@@ -97,8 +98,8 @@ bool read_erofs(int fd, const std::string& scratch, ReleaseInput* in, std::strin
     // Modes as the image has them: no umask of the checker's narrows them.
     umask(0);
     if (!confine_child(&confinement)) return 125;
-    const char* argv[] = {kProgram, extract.c_str(), "--no-preserve-owner", "--preserve-perms",
-                          kImagePath, nullptr};
+    const char* argv[] = {kProgram,           extract.c_str(), "--no-preserve-owner",
+                          "--preserve-perms", kImagePath,      nullptr};
     execv(program.c_str(), const_cast<char**>(argv));
     return 127;
   };

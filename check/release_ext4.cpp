@@ -39,8 +39,8 @@ struct Walk {
   TreeOut* out = nullptr;
   std::set<ext2_ino_t> dirs;  // directories seen: a loop in a corrupt image ends here
   uint64_t mapped = 0;        // bytes of data blocks read, zeros included
-  std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::now() +
-                                                   std::chrono::seconds(kReadSeconds);
+  std::chrono::steady_clock::time_point deadline =
+      std::chrono::steady_clock::now() + std::chrono::seconds(kReadSeconds);
 };
 
 std::string ext2_error(errcode_t code) {
@@ -97,10 +97,13 @@ bool read_link(ext2_filsys fs, ext2_ino_t ino, ext2_inode* inode, std::string* t
     return true;
   }
   target->clear();
-  return read_data(fs, ino, inode, 0, size, [&](const char* data, size_t n, uint64_t) {
-    target->append(data, n);
-    return true;
-  }, why);
+  return read_data(
+      fs, ino, inode, 0, size,
+      [&](const char* data, size_t n, uint64_t) {
+        target->append(data, n);
+        return true;
+      },
+      why);
 }
 
 // The device number of a device inode, in either of the kernel's two encodings.
@@ -231,7 +234,8 @@ bool copy_dir(Walk* walk, ext2_ino_t dir, const ext2_inode& inode, const std::st
   }
   Listing listing;
   // The flag for a directory held in its inode makes any other one fail.
-  const int flags = (inode.i_flags & EXT4_INLINE_DATA_FL) != 0 ? DIRENT_FLAG_INCLUDE_INLINE_DATA : 0;
+  const int flags =
+      (inode.i_flags & EXT4_INLINE_DATA_FL) != 0 ? DIRENT_FLAG_INCLUDE_INLINE_DATA : 0;
   const errcode_t code = ext2fs_dir_iterate2(walk->fs, dir, flags, nullptr, list_entry, &listing);
   if (listing.bad) {
     *why = "holds an entry named " + shown(listing.bad_name) +
@@ -243,7 +247,8 @@ bool copy_dir(Walk* walk, ext2_ino_t dir, const ext2_inode& inode, const std::st
     return false;
   }
   for (const auto& [entry, ino] : listing.entries) {
-    if (!copy_entry(walk, ino, name.empty() ? entry : name + "/" + entry, failed, why)) return false;
+    if (!copy_entry(walk, ino, name.empty() ? entry : name + "/" + entry, failed, why))
+      return false;
   }
   return true;
 }
@@ -276,7 +281,7 @@ std::string read_tree(int fd, const std::string& scratch, ReleaseInput* in) {
       return node;
     }
     std::string why;
-    node.type = LINUX_S_ISDIR(inode.i_mode) ? InputNode::kDirectory
+    node.type = LINUX_S_ISDIR(inode.i_mode)   ? InputNode::kDirectory
                 : LINUX_S_ISLNK(inode.i_mode) ? InputNode::kLink
                                               : InputNode::kOther;
     if (node.type == InputNode::kLink && !read_link(raw, ino, &inode, &node.target, &why)) {

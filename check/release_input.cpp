@@ -56,7 +56,8 @@ bool read_directory(const std::string& given, ReleaseInput* in, std::string* err
   const std::string base = std::filesystem::absolute(given);
   const InputLookup lookup = host_lookup(base);
   std::string path;
-  if (lookup("VENDOR").type != InputNode::kMissing || lookup("SYSTEM").type != InputNode::kMissing) {
+  if (lookup("VENDOR").type != InputNode::kMissing ||
+      lookup("SYSTEM").type != InputNode::kMissing) {
     in->kind = "extracted target-files package";
     std::string why;
     if (!find_package_tree(lookup, &path, &why)) {
@@ -78,7 +79,8 @@ bool read_directory(const std::string& given, ReleaseInput* in, std::string* err
 
 bool read_image(int fd, Format format, const std::string& scratch, ReleaseInput* in,
                 std::string* why) {
-  return format == Format::kExt4 ? read_ext4(fd, scratch, in, why) : read_erofs(fd, scratch, in, why);
+  return format == Format::kExt4 ? read_ext4(fd, scratch, in, why)
+                                 : read_erofs(fd, scratch, in, why);
 }
 
 }  // namespace
@@ -135,8 +137,9 @@ bool read_release(const std::string& given, const std::string& scratch, ReleaseI
       break;
     }
     case Format::kUnknown:
-      *error = name + " is neither a directory, a target-files package (ZIP), nor an ext4 or "
-                      "EROFS image, raw or sparse";
+      *error = name +
+               " is neither a directory, a target-files package (ZIP), nor an ext4 or "
+               "EROFS image, raw or sparse";
       return false;
   }
   if (!ok) *error = name + ": " + in->kind + ": " + why;

@@ -14,7 +14,7 @@ struct ReleaseInput {
   // In words: "directory", "extracted target-files package", "target-files
   // package (ZIP)", "ext4 image", "sparse ext4 image", "EROFS image", "sparse EROFS image".
   std::string kind;
-  std::string tree;   // host directory that becomes /vendor/etc/odm
+  std::string tree;  // host directory that becomes /vendor/etc/odm
   // Where that tree stands inside the input, links resolved: "VENDOR/etc/odm",
   // "SYSTEM/vendor/etc/odm", "etc/odm", "vendor/etc/odm", ... ; "" when it is
   // the directory given.

@@ -101,8 +101,9 @@ bool unsparse(int fd, const std::string& raw, std::string* error) {
   if (status == 0 && ftruncate(out.get(), raw_out.offset) == 0) return true;
   *error = status == -EFBIG ? "its raw image would be larger than " +
                                   std::to_string(kMaxImageBytes >> 30) + " GiB"
-           : status == -ENOSPC ? "its fill chunks expand beyond its own size and " +
-                                     std::to_string(kMaxTreeBytes >> 20) + " MiB more"
-           : "it cannot be made raw: it is truncated or corrupt, or the scratch space is full";
+           : status == -ENOSPC
+               ? "its fill chunks expand beyond its own size and " +
+                     std::to_string(kMaxTreeBytes >> 20) + " MiB more"
+               : "it cannot be made raw: it is truncated or corrupt, or the scratch space is full";
   return false;
 }

@@ -38,13 +38,13 @@ bool to_input(const std::string& device, const DeviceMap& map, std::string* path
   size_t best = std::string::npos;
   for (size_t i = 0; i < map.size(); ++i) {
     const std::string& dir = map[i].first;
-    const bool inside = dir == "/" || device == dir ||
-                        android::base::StartsWith(device, dir + "/");
+    const bool inside = dir == "/" || device == dir || android::base::StartsWith(device, dir + "/");
     if (inside && (best == std::string::npos || dir.size() > map[best].first.size())) best = i;
   }
   if (best == std::string::npos) return false;
   const std::string& dir = map[best].first;
-  std::string rest = dir == "/" ? device.substr(1) : device.substr(std::min(device.size(), dir.size() + 1));
+  std::string rest =
+      dir == "/" ? device.substr(1) : device.substr(std::min(device.size(), dir.size() + 1));
   *path = map[best].second;
   if (!rest.empty()) *path += (path->empty() ? "" : "/") + rest;
   return true;
@@ -81,9 +81,10 @@ bool open_parent(TreeOut* out, const std::string& name, bool make, unique_fd* di
       next.reset(openat(fd.get(), part.c_str(), kDirFlags));
     }
     if (next < 0) {
-      *why = errno == ELOOP || errno == ENOTDIR
-                 ? "lies beneath " + shown(sofar) + ", which is not a directory but a link or a file"
-                 : "cannot be made: " + shown(sofar) + ": " + strerror(errno);
+      *why =
+          errno == ELOOP || errno == ENOTDIR
+              ? "lies beneath " + shown(sofar) + ", which is not a directory but a link or a file"
+              : "cannot be made: " + shown(sofar) + ": " + strerror(errno);
       return false;
     }
     fd = std::move(next);
@@ -241,9 +242,10 @@ bool find_image_tree(const InputLookup& lookup, std::string* path, std::string* 
     }
     if (first_why.empty()) first_why = why;
   }
-  *error = "holds no vendor ODM tree: neither etc/odm (a vendor image) nor vendor/etc/odm or "
-           "system/vendor/etc/odm (a system image) is a directory in it (/vendor/etc/odm " +
-           first_why + ")";
+  *error =
+      "holds no vendor ODM tree: neither etc/odm (a vendor image) nor vendor/etc/odm or "
+      "system/vendor/etc/odm (a system image) is a directory in it (/vendor/etc/odm " +
+      first_why + ")";
   return false;
 }
 
@@ -258,8 +260,10 @@ bool find_package_tree(const InputLookup& lookup, std::string* path, std::string
     if (find_in_input(device_path, map, lookup, path, &why)) return true;
     if (first_why.empty()) first_why = why;
   }
-  *error = "holds no vendor ODM tree: neither VENDOR/etc/odm nor SYSTEM/vendor/etc/odm is a "
-           "directory in it (/vendor/etc/odm " + first_why + ")";
+  *error =
+      "holds no vendor ODM tree: neither VENDOR/etc/odm nor SYSTEM/vendor/etc/odm is a "
+      "directory in it (/vendor/etc/odm " +
+      first_why + ")";
   return false;
 }
 
@@ -309,8 +313,8 @@ bool out_file(TreeOut* out, const std::string& name, unique_fd* fd, std::string*
   unique_fd dir;
   std::string last;
   if (!open_parent(out, name, true, &dir, &last, why)) return false;
-  fd->reset(openat(dir.get(), last.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                   0600));
+  fd->reset(
+      openat(dir.get(), last.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (*fd < 0) {
     *why = errno == EEXIST ? "appears twice" : "cannot be made: " + std::string(strerror(errno));
     return false;
@@ -373,7 +377,8 @@ bool out_special(TreeOut* out, const std::string& name, mode_t mode, dev_t devic
     if (is_device && errno == EPERM) {
       out->unmade.emplace_back(android::base::Join(components(name), "/"),
                                std::string(S_ISCHR(mode) ? "character" : "block") + " device " +
-                                   std::to_string(major(device)) + ":" + std::to_string(minor(device)));
+                                   std::to_string(major(device)) + ":" +
+                                   std::to_string(minor(device)));
       return true;
     }
     *why = errno == EEXIST ? "appears twice" : "cannot be made: " + std::string(strerror(errno));

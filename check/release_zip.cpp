@@ -87,7 +87,8 @@ bool write_entry(ZipArchiveHandle archive, TreeOut* out, const std::string& name
       return out_special(out, name, entry.zip.unix_mode, 0, why);
     case S_IFCHR:
     case S_IFBLK:
-      out->unmade.emplace_back(name, type_of(entry) == S_IFCHR ? "character device" : "block device");
+      out->unmade.emplace_back(name,
+                               type_of(entry) == S_IFCHR ? "character device" : "block device");
       return true;
     default: {
       unique_fd fd;
@@ -120,8 +121,9 @@ bool read_zip(int fd, const std::string& scratch, ReleaseInput* in, std::string*
   }
   const ZipArchiveInfo info = GetArchiveInfo(handle);
   if (info.entry_count >= kZip64EntryCount) {
-    *error = "has 65535 entries or more, a ZIP64 archive, which the platform's ZIP reader of "
-             "this host does not read: give the package extracted";
+    *error =
+        "has 65535 entries or more, a ZIP64 archive, which the platform's ZIP reader of "
+        "this host does not read: give the package extracted";
     return false;
   }
   void* cookie = nullptr;
@@ -162,7 +164,7 @@ bool read_zip(int fd, const std::string& scratch, ReleaseInput* in, std::string*
     const auto at = entries.find(path);
     if (at != entries.end()) {
       const mode_t type = type_of(at->second);
-      node.type = type == S_IFDIR ? InputNode::kDirectory
+      node.type = type == S_IFDIR   ? InputNode::kDirectory
                   : type == S_IFLNK ? InputNode::kLink
                                     : InputNode::kOther;
       if (type == S_IFLNK) node.target = link_target(handle, at->second);
@@ -197,11 +199,11 @@ bool read_zip(int fd, const std::string& scratch, ReleaseInput* in, std::string*
   const uint64_t bound = std::min<uint64_t>(
       kMaxTreeBytes, std::max<uint64_t>(kMinZipBomb, kMaxZipExpansion * info.archive_size));
   if (size > bound) {
-    *error = "its tree " + shown(tree) + " expands to " + std::to_string(size) + " bytes, more than " +
-             std::to_string(kMaxZipExpansion) + " times the size of the whole package (" +
-             std::to_string(info.archive_size) + " bytes) and " + std::to_string(kMinZipBomb >> 20) +
-             " MiB, or more than " + std::to_string(kMaxTreeBytes >> 20) +
-             " MiB: refused as a ZIP bomb";
+    *error = "its tree " + shown(tree) + " expands to " + std::to_string(size) +
+             " bytes, more than " + std::to_string(kMaxZipExpansion) +
+             " times the size of the whole package (" + std::to_string(info.archive_size) +
+             " bytes) and " + std::to_string(kMinZipBomb >> 20) + " MiB, or more than " +
+             std::to_string(kMaxTreeBytes >> 20) + " MiB: refused as a ZIP bomb";
     return false;
   }
 
