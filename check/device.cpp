@@ -165,9 +165,14 @@ std::string find_tree(const std::string& given) {
   return tree;
 }
 
+std::string scratch_root() {
+  if (root_path.empty()) root_path = make_scratch_root();
+  return root_path;
+}
+
 void make_device(const Options& options, const std::string& tree, const std::string& old_tree,
                  CopyNotes* notes) {
-  root_path = make_scratch_root();
+  scratch_root();
   // From here on the program's library finds its device in the scratch root.
   setenv("TARNWICK_ROOT", root_path.c_str(), 1);
   tarnwick_host::never_wait_on_open();
