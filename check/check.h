@@ -196,6 +196,9 @@ std::string find_tree(const std::string& given);
 // meet goes into |notes|. Ends the checker when it cannot.
 void make_device(const Options& options, const std::string& tree, const std::string& old_tree,
                  CopyNotes* notes);
+// The scratch root, made at the first call: packages and images are read
+// into it before the device is laid out there.
+std::string scratch_root();
 // Writes |bytes| to host file |path|, never through a link; ends the checker
 // when it cannot.
 void write_file(const std::string& path, const std::string& bytes);

@@ -165,9 +165,14 @@ std::string find_tree(const std::string& given) {
   return tree;
 }
 
+std::string scratch_root() {
+  if (root_path.empty()) root_path = make_scratch_root();
+  return root_path;
+}
+
 void make_device(const Options& options, const std::string& tree, const std::string& old_tree,
                  CopyNotes* notes) {
-  root_path = make_scratch_root();
+  scratch_root();
   // From here on the program's library finds its device in the scratch root.
   setenv("TARNWICK_ROOT", root_path.c_str(), 1);
   tarnwick_host::never_wait_on_open();
@@ -330,24 +335,26 @@ bool start_program(const Options& options, const Setting& setting, const std::st
   for (std::string& arg : argv) cargv.push_back(arg.data());
   cargv.push_back(nullptr);
   // The start goes with the checker, however the checker ends: a start that
-  // waits on a FIFO would otherwise wait for ever.
-  const pid_t parent = getpid();
-  int report[2];
-  if (pipe2(report, O_CLOEXEC) != 0) fail(std::string("cannot start the program: ") + strerror(errno));
-  const pid_t pid = fork();
+  // waits on a FIFO would otherwise wait for ever. vfork, not fork: a forked
+  // child never runs under user-mode emulation. Until it execs, the child
+  // shares this process's memory, and makes only system calls.
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null < 0) fail(std::string("cannot open /dev/null: ") + strerror(errno));
+  volatile int spawned = 0;
+  const pid_t pid = vfork();
   if (pid == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (getppid() != parent || null < 0 || dup2(null, 0) < 0 || dup2(null, 1) < 0 || dup2(null, 2) < 0) _exit(127);
+    if (dup2(null, 0) < 0 || dup2(null, 1) < 0 || dup2(null, 2) < 0) {
+      spawned = errno;
+      _exit(127);
+    }
     execvp(cargv[0], cargv.data());
-    const int error = errno;
-    if (write(report[1], &error, sizeof(error)) < 0) _exit(127);
+    spawned = errno;
     _exit(127);
   }
-  close(report[1]);
-  int spawned = pid < 0 ? errno : 0;
-  if (pid > 0 && read(report[0], &spawned, sizeof(spawned)) == sizeof(spawned)) waitpid(pid, nullptr, 0);
-  close(report[0]);
+  if (pid < 0) spawned = errno;
+  close(null);
+  if (pid > 0 && spawned != 0) waitpid(pid, nullptr, 0);
   int status = 0;
   if (spawned != 0) {
     fprintf(stderr, "tarnwick-check: cannot run %s: %s; %s\n", printable(argv[0]).c_str(),

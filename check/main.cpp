@@ -9,10 +9,12 @@
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "check/check.h"
 #include "check/host_io.h"
+#include "check/release_input.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/paths.h"
 #include "tarnwick/platform/host_cutils.h"
@@ -108,14 +110,6 @@ int parse(int argc, char** argv, Options* options) {
   if (optind + 1 != argc) return usage_error(optind == argc ? "give VENDOR_ODM_DIR" : "give one VENDOR_ODM_DIR");
   options->tree = argv[optind];
   return -1;
-}
-
-// Where |tree| stands inside |given|, as a relative path; empty when it is |given|.
-std::string inner_path(const std::string& given, const std::string& tree) {
-  char real[PATH_MAX];
-  if (given.empty() || realpath(given.c_str(), real) == nullptr) return "";
-  const std::string top = std::string(real) + "/";
-  return tree.rfind(top, 0) == 0 ? tree.substr(top.size()) : "";
 }
 
 // -1 when |tree|, given as |given|, is a vendor ODM tree; else the exit status
@@ -218,19 +212,39 @@ int check(const Options& options, const CopyNotes& notes) {
   return errors || (options.strict && !report.findings.empty()) ? 1 : 0;
 }
 
+// The vendor ODM tree of the release given as |given| (|option| says where,
+// |label| names it in |notes|): a directory inside it, or read into
+// directory |dir| of the scratch root from a package or an image; where it
+// stands in the input in |inner|. Entries the reading could not make go
+// into |unmade|, as the copy of a directory notes them.
+std::string read_input(const std::string& option, const std::string& given, const std::string& label,
+                       const char* dir, std::string* inner, std::vector<CopyNote>* unmade) {
+  const std::string scratch = scratch_root() + dir;
+  ReleaseInput release;
+  std::string error;
+  if (mkdir(scratch.c_str(), 0700) != 0) fail("cannot make " + scratch + ": " + strerror(errno));
+  if (!read_release(given, scratch, &release, &error)) fail(option + error);
+  for (const auto& [name, what] : release.unmade) unmade->push_back({label, name, what});
+  *inner = release.inner;
+  return release.tree;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Options options;
   int status = parse(argc, argv, &options);
   if (status >= 0) return status;
-  const std::string tree = find_tree(options.tree);
-  const std::string old_tree = options.update_from.empty() ? "" : find_tree(options.update_from);
-  options.tree_inner = inner_path(options.tree, tree);
-  options.update_from_inner = inner_path(options.update_from, old_tree);
+  std::vector<CopyNote> unmade;
+  const std::string tree = read_input("", options.tree, "", "/input", &options.tree_inner, &unmade);
+  const std::string old_tree =
+      options.update_from.empty() ? ""
+                                  : read_input("--update-from ", options.update_from, options.update_from,
+                                               "/input-old", &options.update_from_inner, &unmade);
   status = check_arguments(options, tree, old_tree);
   if (status >= 0) return status;
   CopyNotes notes;
   make_device(options, tree, old_tree, &notes);
+  notes.special.insert(notes.special.end(), unmade.begin(), unmade.end());
   return check(options, notes);
 }
