@@ -353,11 +353,11 @@ const Step* step(Devices* d, size_t state, size_t s, const std::string& product,
   return &(d->steps[key] = done);
 }
 
-// A device of |product| under setting |s| that holds |state|, after its
-// starts. Its course is the same for every product text and setting that the
+// A device of |product| under setting |s| (with |inputs|, its pair_inputs)
+// that holds |state|, after its starts. Its course is the same for every product text and setting that the
 // release's default configuration answers alike, and otherwise its own.
-const Settled* settle(Devices* d, size_t state, size_t s, const std::string& product) {
-  const std::string inputs = pair_inputs(*d, s, product);
+const Settled* settle(Devices* d, size_t state, size_t s, const std::string& product,
+                      const std::string& inputs) {
   const std::string who = d->has_default
                               ? key_of({source_stamp(d, product),
                                         preliminary(d, config_of(d, state), state, s, product)})
@@ -518,11 +518,37 @@ const char* advice(const std::string& code, const std::string& subject) {
   return "make sure these devices are to get the other tree";
 }
 
+// A course and its course_key.
+using Made = std::pair<Course, std::string>;
+
+// The course of the device |after| against the factory device |fresh|:
+// updated from the old release's device |old|, or from the installed /odm
+// when |old| is null; each made once.
+const Made& made_course(const Devices& d, size_t from_installed, const Settled* old, const Settled& after,
+                        const Settled& fresh,
+                        std::map<std::tuple<const Settled*, const Settled*, const Settled*>, Made>* made) {
+  const auto [it, added] = made->emplace(std::make_tuple(old, &after, &fresh), Made());
+  if (!added) return it->second;
+  Course& c = it->second.first;
+  if (old != nullptr) {
+    c = course(d, old->state, after, fresh);
+    c.model_before = old->model;
+    if (c.model_after.empty()) c.model_after = old->model;
+  } else {
+    c = course(d, from_installed, after, fresh);
+    // Which tree an installed /odm came from nobody knows, nor is it shown.
+    c.model_after.clear();
+  }
+  it->second.second = course_key(c);
+  return it->second;
+}
+
 // A product text under a setting of a row, and its devices: of the old
 // release, fresh from the factory, updated, and from the installed /odm.
 struct Pair {
   const std::string* product;
   size_t setting;
+  std::string inputs;  // its pair_inputs
   const Settled *old, *fresh, *updated, *later;
 };
 
@@ -549,7 +575,7 @@ bool run_devices(const Options& options, Devices* d, std::vector<Pair>* pairs, s
     seed(true);
     const size_t factory = note_state(d);
     for (Pair& pair : *pairs) {
-      if (!(pair.old = settle(d, factory, pair.setting, *pair.product))) return false;
+      if (!(pair.old = settle(d, factory, pair.setting, *pair.product, pair.inputs))) return false;
     }
   }
   use_release_of(d, false);
@@ -563,9 +589,10 @@ bool run_devices(const Options& options, Devices* d, std::vector<Pair>* pairs, s
     *from_installed = note_state(d);
   }
   for (Pair& pair : *pairs) {
-    if (!(pair.fresh = settle(d, factory, pair.setting, *pair.product))) return false;
-    if (update && !(pair.updated = settle(d, pair.old->state, pair.setting, *pair.product))) return false;
-    if (installed && !(pair.later = settle(d, *from_installed, pair.setting, *pair.product))) return false;
+    const auto take = [&](size_t state) { return settle(d, state, pair.setting, *pair.product, pair.inputs); };
+    if (!(pair.fresh = take(factory))) return false;
+    if (update && !(pair.updated = take(pair.old->state))) return false;
+    if (installed && !(pair.later = take(*from_installed))) return false;
   }
   return true;
 }
@@ -579,7 +606,9 @@ bool examine_courses(const Options& options, Report* report) {
   std::vector<Pair> pairs;
   for (const Row& row : report->rows) {
     for (const std::string& product : row.products) {
-      for (size_t s : row.settings) pairs.push_back({&product, s, nullptr, nullptr, nullptr, nullptr});
+      for (size_t s : row.settings) {
+        pairs.push_back({&product, s, pair_inputs(d, s, product), nullptr, nullptr, nullptr, nullptr});
+      }
     }
   }
   size_t from_installed = 0;
@@ -587,44 +616,42 @@ bool examine_courses(const Options& options, Report* report) {
 
   // Each row parts into rows whose product texts and settings have the same
   // courses, merged as the resolution merges them.
+  std::map<std::tuple<const Settled*, const Settled*, const Settled*>, Made> made;
   std::vector<Row> rows;
   auto next = pairs.begin();
   for (const Row& row : report->rows) {
     std::vector<std::pair<std::string, Row>> parts;  // by courses and settings
     for (const std::string& product : row.products) {
-      std::vector<std::pair<std::string, std::vector<size_t>>> groups;  // settings by courses
-      std::map<std::string, std::pair<std::optional<Course>, std::optional<Course>>> courses;
+      // The settings of |product| by courses, in their order.
+      struct Group {
+        std::string key;
+        std::vector<size_t> settings;
+        const Made *updated, *later;
+      };
+      std::vector<Group> groups;
       for (size_t s : row.settings) {
         const Pair& pair = *next++;
-        std::optional<Course> updated, later;
-        if (update) {
-          updated = course(d, pair.old->state, *pair.updated, *pair.fresh);
-          updated->model_before = pair.old->model;
-          if (updated->model_after.empty()) updated->model_after = pair.old->model;
-        }
-        if (installed) {
-          // Which tree an installed /odm came from nobody knows, nor is it shown.
-          later = course(d, from_installed, *pair.later, *pair.fresh);
-          later->model_after.clear();
-        }
-        const std::string key =
-            (updated ? course_key(*updated) : "") + '\n' + (later ? course_key(*later) : "");
-        auto it = std::find_if(groups.begin(), groups.end(), [&](const auto& g) { return g.first == key; });
-        if (it == groups.end()) it = groups.insert(groups.end(), {key, {}});
-        it->second.push_back(s);
-        courses[key] = {updated, later};
+        const Made* updated =
+            update ? &made_course(d, from_installed, pair.old, *pair.updated, *pair.fresh, &made) : nullptr;
+        const Made* later =
+            installed ? &made_course(d, from_installed, nullptr, *pair.later, *pair.fresh, &made) : nullptr;
+        const std::string key = (updated ? updated->second : "") + '\n' + (later ? later->second : "");
+        auto it = std::find_if(groups.begin(), groups.end(), [&](const Group& g) { return g.key == key; });
+        if (it == groups.end()) it = groups.insert(groups.end(), {key, {}, updated, later});
+        it->settings.push_back(s);
       }
-      for (const auto& [key, settings] : groups) {
-        std::string id = key;
-        for (size_t s : settings) id += '\0' + std::to_string(s);
+      for (const Group& group : groups) {
+        std::string id = group.key;
+        for (size_t s : group.settings) id += '\0' + std::to_string(s);
         auto it = std::find_if(parts.begin(), parts.end(), [&](const auto& p) { return p.first == id; });
         if (it == parts.end()) {
           Row part = row;
           part.products.clear();
-          part.settings = settings;
-          if (settings != row.settings) part.when = settings_in_words(*report, settings);
-          std::tie(part.update, part.installed) = courses[key];
-          if (part.installed) part.provisions = part.installed->provisions;
+          part.settings = group.settings;
+          if (group.settings != row.settings) part.when = settings_in_words(*report, group.settings);
+          if (group.updated) part.update = group.updated->first;
+          if (group.later) part.installed = group.later->first;
+          if (group.later) part.provisions = group.later->first.provisions;
           it = parts.insert(parts.end(), {id, part});
         }
         it->second.products.push_back(product);
