@@ -354,8 +354,9 @@ const Step* step(Devices* d, size_t state, size_t s, const std::string& product,
 }
 
 // A device of |product| under setting |s| (with |inputs|, its pair_inputs)
-// that holds |state|, after its starts. Its course is the same for every product text and setting that the
-// release's default configuration answers alike, and otherwise its own.
+// that holds |state|, after its starts. Its course is the same for every
+// product text and setting that the release's default configuration answers
+// alike, and otherwise its own.
 const Settled* settle(Devices* d, size_t state, size_t s, const std::string& product,
                       const std::string& inputs) {
   const std::string who = d->has_default
@@ -404,7 +405,8 @@ std::string course_key(const Course& c) {
                             c.line_after, c.model_before, c.model_after, c.new_model});
   for (const auto* files : {&c.change.added, &c.change.changed, &c.change.removed, &c.from_factory.added,
                             &c.from_factory.changed, &c.from_factory.removed}) {
-    key += key_of({std::to_string(files->size())}) + comma_list(*files) + '\n';
+    for (const std::string& file : *files) key += file + '\0';
+    key += '\n';
   }
   return key;
 }
