@@ -16,29 +16,36 @@
 #include <vector>
 
 // Where the scratch device holds --config (when the tree has no configuration
-// of its own to stand in for), a copy of --installed, and the release that is
-// not at /vendor/etc/odm (use_release), as device paths.
+// of its own to stand in for), a copy of --installed, and the releases that
+// are not at /vendor/etc/odm (use_release: the old ones by number, the new
+// one as kNewRelease), as device paths.
 inline constexpr char kCheckConfig[] = "/tarnwick-check/odmconfig.xml";
 inline constexpr char kCheckInstalled[] = "/tarnwick-check/installed";
-inline constexpr char kCheckOtherRelease[] = "/tarnwick-check/other-release";
+inline constexpr char kCheckReleases[] = "/tarnwick-check/release-";
+inline constexpr int kNewRelease = -1;
 struct CopyNotes;  // host_io.h
 
-// The version of the JSON document's layout, raised when a field changes meaning.
-inline constexpr int kJsonVersion = 2;
+// The version of the JSON document's layout: raised when a member changes its
+// meaning or goes; its minor version, raised when members are added.
+inline constexpr int kJsonVersion = 3;
+inline constexpr int kJsonMinorVersion = 1;
 
 struct Options {
   std::string tree;                      // as given on the command line
   std::string config;                    // --config FILE, or empty
   std::string installed;                 // --installed DIR, or empty
-  std::string update_from;               // --update-from DIR, or empty
+  std::vector<std::string> update_from;  // --update-from RELEASE, each
   std::optional<std::vector<std::string>> products;  // --product texts
   std::map<std::string, std::string> props;          // --prop NAME=VALUE
   bool json = false;
   bool strict = false;
+  bool rollback = false;  // --rollback
   std::string sarif;  // --sarif FILE, or empty
-  // Where the tree checked and the old release's tree stand inside the
-  // inputs as given ("vendor/etc/odm" in a device root; empty: the input).
-  std::string tree_inner, update_from_inner;
+  // Where the tree checked and the old releases' trees stand inside the
+  // inputs as given ("vendor/etc/odm" in a device root, "VENDOR/etc/odm" in
+  // a target-files package; empty: the input), and what each input is.
+  std::string tree_inner, tree_kind;
+  std::vector<std::string> update_from_inner, update_from_kind;
 };
 
 // What a finding code means, for tools that describe rules apart from
@@ -67,11 +74,12 @@ struct Location {
   std::string input;
   std::string file;
   int line = 0;
+  size_t release = 0;  // which --update-from, for kInUpdateFrom
   bool operator<(const Location& o) const {
-    return std::tie(input, file, line) < std::tie(o.input, o.file, o.line);
+    return std::tie(input, release, file, line) < std::tie(o.input, o.release, o.file, o.line);
   }
   bool operator==(const Location& o) const {
-    return input == o.input && file == o.file && line == o.line;
+    return input == o.input && release == o.release && file == o.file && line == o.line;
   }
 };
 
@@ -82,6 +90,7 @@ struct Finding {
   std::string message;
   std::string advice;
   std::vector<Location> locations;
+  std::vector<size_t> releases;  // the old releases it comes from, if any
 };
 
 // A value of each tested property, in name order; nullopt: unset.
@@ -116,9 +125,12 @@ struct Row {
   std::string preliminary, final_model, why;
   std::string stamp;             // the source stamp its products use
   std::optional<bool> provisions;  // with --installed: whether the next start provisions
-  // With --update-from: the answer of the release the devices run now.
-  std::string old_preliminary, old_final, old_stamp;
-  std::optional<Course> update;     // with --update-from
+  // With --update-from: the answers of the releases the devices run now,
+  // one for each, and the courses of their devices.
+  std::vector<std::string> old_preliminary, old_final, old_stamp;
+  std::vector<Course> update;
+  // With --rollback: each old release's devices after the update and back.
+  std::vector<Course> rollback;
   std::optional<Course> installed;  // with --installed
   // The installed /odm is judged as a device of the rows whose new devices it
   // is closest to: its findings are theirs.
@@ -154,12 +166,14 @@ struct Report {
   std::vector<Tree> trees;
   std::vector<Stamp> stamps;
   std::vector<Finding> findings;
+  std::vector<std::string> old_lines;  // each old release's default version line
 };
 
 // Words every part of the report uses (words.cpp).
 // Adds a finding to |report|.
 void add_finding(Report* report, std::string code, bool error, std::string subject,
-                 std::string message, std::string advice, std::vector<Location> locations = {});
+                 std::string message, std::string advice, std::vector<Location> locations = {},
+                 std::vector<size_t> releases = {});
 // The location of file |path| of the tree checked (relative to it), and of
 // |path| under /vendor/etc/odm.
 Location in_tree_file(const std::string& path, int line = 0);
@@ -194,8 +208,8 @@ std::string find_tree(const std::string& given);
 // host. Copies |tree| (which becomes /vendor/etc/odm), |old_tree| (the old
 // release, when not empty) and what |options| name into it; what the copies
 // meet goes into |notes|. Ends the checker when it cannot.
-void make_device(const Options& options, const std::string& tree, const std::string& old_tree,
-                 CopyNotes* notes);
+void make_device(const Options& options, const std::string& tree,
+                 const std::vector<std::string>& old_trees, CopyNotes* notes);
 // The scratch root, made at the first call: packages and images are read
 // into it before the device is laid out there.
 std::string scratch_root();
@@ -213,9 +227,10 @@ std::vector<std::pair<std::string, std::filesystem::file_type>> list_dir(const s
 // Makes /odm what a provisioning run would start from: empty, or a copy of
 // --installed; with the configuration the run reads at /odm/etc/odmconfig.xml.
 void prepare_odm(const Options& options, bool with_installed);
-// Puts the release at /vendor/etc/odm: the old one (--update-from) or the one
-// checked; the other waits at kCheckOtherRelease.
-void use_release(bool old);
+// Puts a release at /vendor/etc/odm: old release |release| (the number of
+// its --update-from), or kNewRelease, the one checked; the others wait at
+// kCheckReleases.
+void use_release(int release);
 // Replaces /odm with a copy of host directory |from|, modes and links kept.
 void restore_odm(const std::string& from);
 // Copies /odm to host directory |to|, modes and links kept.

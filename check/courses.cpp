@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <optional>
+#include <set>
 #include <fstream>
 #include <sstream>
 
@@ -58,6 +60,9 @@ std::string bytes_of(const std::string& path) {
   return bytes;
 }
 
+// Where the releases lie on the host: the one in place, the others parked.
+std::vector<std::string> releases_dir() { return {host("/vendor/"), host(kCheckReleases)}; }
+
 // Adds to |out| what a start can read of the device directory |dir|: every
 // entry below it with its type as a listing gives it, its mode, its link
 // target and the bytes a read gives; directories behind links too.
@@ -79,7 +84,7 @@ void fingerprint(const std::string& dir, int depth, std::string* out) {
     if (is_directory(path)) {
       if (depth > 0) fingerprint(path, depth - 1, out);
     } else if (UniqueFile file = open_file(path, "r")) {
-      *out += digest_of(fileno(file.get()));
+      *out += release_digest(fileno(file.get()), releases_dir());
     }
     *out += '\n';
   }
@@ -196,7 +201,7 @@ struct Settled {
 struct Devices {
   const Options& options;
   const Report& report;
-  bool old = false;          // the release at /vendor/etc/odm
+  int release = kNewRelease;  // the release at /vendor/etc/odm
   bool has_default = false;  // whether it ships a default configuration
   size_t held = SIZE_MAX;    // the state /odm holds, if any
   std::vector<OdmState> states{};
@@ -207,6 +212,7 @@ struct Devices {
   std::map<std::string, std::string> answers{};  // configuration, setting, product -> preliminary
   std::map<std::string, std::pair<AliasMap, AliasMap>> tables{};  // configuration, setting
   std::map<std::string, std::string> texts{};  // other answers, each by a key of its own
+  std::map<int, std::set<std::string>> entries{};  // of each release's /vendor/etc/odm
 };
 
 std::string key_of(std::initializer_list<std::string> parts) {
@@ -215,9 +221,9 @@ std::string key_of(std::initializer_list<std::string> parts) {
   return key;
 }
 
-void use_release_of(Devices* d, bool old) {
-  use_release(old);
-  d->old = old;
+void use_release_of(Devices* d, int release) {
+  use_release(release);
+  d->release = release;
   d->has_default = exists_file(kDefaultConfigPath);
 }
 
@@ -254,8 +260,8 @@ std::string own_config(Devices* d) {
 // The configuration a provisioning run over |state| reads: the release's
 // default, which it installs first when there is one, else what the device holds.
 std::string config_of(Devices* d, size_t state) {
-  if (d->has_default) return d->old ? "old default" : "default";
-  std::string& config = d->texts[key_of({"config", std::to_string(d->old), std::to_string(state)})];
+  if (d->has_default) return "default of " + std::to_string(d->release);
+  std::string& config = d->texts[key_of({"config", std::to_string(d->release), std::to_string(state)})];
   if (config.empty()) {
     hold(d, state);
     config = own_config(d);
@@ -294,9 +300,9 @@ const std::string& preliminary(Devices* d, const std::string& config, size_t sta
 // The final model for |model| in the release in place, and the number of what
 // its tree reads as.
 std::pair<std::string, std::string> final_tree(Devices* d, const std::string& model) {
-  std::string& final_model = d->texts[key_of({"final", std::to_string(d->old), model})];
+  std::string& final_model = d->texts[key_of({"final", std::to_string(d->release), model})];
   if (final_model.empty()) final_model = confirm_model_source(model, kProvisioningRun);
-  std::string& tree = d->texts[key_of({"tree", std::to_string(d->old), final_model})];
+  std::string& tree = d->texts[key_of({"tree", std::to_string(d->release), final_model})];
   if (tree.empty()) {
     std::string print;
     fingerprint(kModelTreePrefix + final_model + "/odm/etc", kMaxDepth, &print);
@@ -307,11 +313,23 @@ std::pair<std::string, std::string> final_tree(Devices* d, const std::string& mo
 
 // The source stamp a start of |product| reads, by the digest of its bytes.
 const std::string& source_stamp(Devices* d, const std::string& product) {
-  std::string& number = d->texts[key_of({"stamp", std::to_string(d->old), product})];
+  const std::string release = std::to_string(d->release);
+  std::string& number = d->texts[key_of({"stamp", release, product})];
   if (!number.empty()) return number;
+  // A path whose first component is no entry of the release leads nowhere:
+  // most product texts read the default stamp, which is read once.
+  auto [entries, listed] = d->entries.emplace(d->release, std::set<std::string>());
+  if (listed) {
+    for (const auto& entry : list_dir(fs::path(kModelTreePrefix).parent_path())) entries->second.insert(entry.first);
+  }
   const std::string sku = sku_stamp_path(product);
-  const UniqueFile file = open_file(exists_file(sku) ? sku : kDefaultStampPath, "r");
-  return number = std::to_string(intern(&d->numbers, file ? "=" + digest_of(fileno(file.get())) : "<none>"));
+  const bool own = entries->second.count("odm_" + product.substr(0, product.find('/'))) != 0 && exists_file(sku);
+  std::string& digest = d->texts[key_of({"stamp of", release, own ? sku : kDefaultStampPath})];
+  if (digest.empty()) {
+    const UniqueFile file = open_file(own ? sku : kDefaultStampPath, "r");
+    digest = std::to_string(intern(&d->numbers, file ? "=" + release_digest(fileno(file.get()), releases_dir()) : "<none>"));
+  }
+  return number = digest;
 }
 
 // The inputs of |product| and setting |s| that no configuration decides:
@@ -338,7 +356,7 @@ const Step* step(Devices* d, size_t state, size_t s, const std::string& product,
   const std::string& preliminary_model = preliminary(d, config_of(d, state), state, s, product);
   const auto [final_model, tree] = final_tree(d, preliminary_model);
   *model = final_model;
-  const std::string key = key_of({std::to_string(d->old), std::to_string(state), source_stamp(d, product),
+  const std::string key = key_of({std::to_string(d->release), std::to_string(state), source_stamp(d, product),
                                   stale_hits(preliminary_model, d->states[state]), tree, inputs});
   const auto it = d->steps.find(key);
   if (it != d->steps.end()) return &it->second;
@@ -364,7 +382,7 @@ const Settled* settle(Devices* d, size_t state, size_t s, const std::string& pro
                                         preliminary(d, config_of(d, state), state, s, product)})
                               : key_of({std::to_string(s), product});
   const auto [it, added] =
-      d->settled.emplace(key_of({std::to_string(d->old), std::to_string(state), who, inputs}), Settled());
+      d->settled.emplace(key_of({std::to_string(d->release), std::to_string(state), who, inputs}), Settled());
   Settled& out = it->second;
   if (!added) return &out;
   for (int start = 0; start < kMaxStarts; ++start) {
@@ -436,16 +454,24 @@ std::string read_at_boot(const std::vector<std::string>& files) {
   return named.empty() ? "" : "; the platform reads by name at boot: " + comma_list(named);
 }
 
-// One finding per distinct subject and message, the product texts and the
-// trees (which stand for "{trees}" in the message) of its rows gathered.
+// One finding per distinct subject and message, the product texts, the trees
+// (which stand for "{trees}" in the message), the old releases and the
+// locations of its rows gathered.
 struct Gathered {
-  struct Rows { std::vector<std::string> products, trees; };
+  struct Rows {
+    std::vector<std::string> products, trees;
+    std::set<size_t> releases;
+    std::vector<Location> locations;
+  };
   std::map<std::tuple<std::string, bool, std::string, std::string>, Rows> findings;
-  void add(const std::string& code, bool error, const std::string& subject,
-           const std::string& message, const Row& row, const std::string& tree) {
+  void add(const std::string& code, bool error, const std::string& subject, const std::string& message,
+           const Row& row, const std::string& tree, std::optional<size_t> release,
+           const std::vector<Location>& locations) {
     Rows& rows = findings[{code, error, subject, message}];
     rows.products.insert(rows.products.end(), row.products.begin(), row.products.end());
     rows.trees.push_back("odm_" + tree);
+    if (release) rows.releases.insert(*release);
+    rows.locations.insert(rows.locations.end(), locations.begin(), locations.end());
   }
 };
 
@@ -455,34 +481,85 @@ std::vector<std::string> unique(std::vector<std::string> texts) {
   return texts;
 }
 
-// The findings of the update courses: each from what the update changes in
-// the updated device's /odm/etc, or from how that then differs from the
-// factory device's.
-void judge_update(const Row& row, Gathered* out) {
-  const Course& c = *row.update;
+// Where file |file| of /odm/etc comes from in a release's tree, when its
+// devices get it from the tree of |model|: the configuration from odm_default.
+std::string source_of(const std::string& file, const std::string& model) {
+  return file == fs::path(kConfigPath).filename() ? in_tree(kDefaultConfigPath)
+                                                  : in_tree(source_etc_dir(model)) + file;
+}
+
+// Locations of |files| of /odm/etc in the new tree, as the tree of |model|
+// holds them (or would), and in old release |release|, as |old_model|'s does.
+std::vector<Location> file_locations(const std::vector<std::string>& files, const std::string& model,
+                                     std::optional<size_t> release, const std::string& old_model) {
+  std::vector<Location> out;
+  for (const std::string& file : files) {
+    if (!model.empty()) out.push_back(in_tree_file(source_of(file, model)));
+    if (release && !old_model.empty()) out.push_back({kInUpdateFrom, source_of(file, old_model), 0, *release});
+  }
+  return out;
+}
+
+// The findings of the update courses from old release |k|: each from what the
+// update changes in the updated device's /odm/etc, or from how that then
+// differs from the factory device's.
+void judge_update(const Row& row, size_t k, Gathered* out) {
+  const Course& c = row.update[k];
+  const std::vector<Location> stamps = {in_tree_file(in_tree(row.stamp)),
+                                        {kInUpdateFrom, in_tree(row.old_stamp[k]), 0, k}};
   if (!c.provisions && !c.from_factory.empty()) {
     out->add("stamp-not-bumped", true, in_tree(row.stamp),
              "keeps the version line " + shown(c.line_after) + " while the files of {trees} change (" +
                  comma_list(all(c.from_factory)) + "): their devices keep the old ones",
-             row, c.new_model);
+             row, c.new_model, k, stamps);
   }
   if (!c.from_factory.removed.empty()) {
     out->add("left-behind", false, comma_list(c.from_factory.removed),
              "devices of {trees} updated from the old release keep it, and new devices lack it" +
                  read_at_boot(c.from_factory.removed),
-             row, c.new_model);
+             row, c.new_model, k, file_locations(c.from_factory.removed, c.new_model, k, c.model_before));
   }
   if (c.provisions && c.change.empty()) {
     out->add("restart-without-change", false, in_tree(row.stamp),
              "changes the version line from " + shown(c.line_before) + " to " + shown(c.line_after) +
                  ", but nothing in /odm/etc changes for {trees}: each of their devices restarts "
                  "once for nothing",
-             row, c.model_after);
+             row, c.model_after, k, stamps);
   }
   if (c.model_before != c.model_after) {
     out->add("model-changed", false, "odm_" + c.model_before + " > odm_" + c.model_after,
-             "the update moves these devices to another tree", row, c.model_after);
+             "the update moves these devices to another tree", row, c.model_after, k,
+             {vendor_file(kDefaultConfigPath), {kInUpdateFrom, in_tree(kDefaultConfigPath), 0, k}});
   }
+}
+
+// The findings of the rollback courses to old release |k|: what a device
+// that took this release and went back keeps that the old release's devices
+// never had.
+void judge_rollback(const Row& row, size_t k, Gathered* out) {
+  const Course& c = row.rollback[k];
+  std::vector<std::string> kept = c.from_factory.removed;
+  kept.insert(kept.end(), c.from_factory.changed.begin(), c.from_factory.changed.end());
+  std::sort(kept.begin(), kept.end());
+  const bool model_stays = c.model_after != c.new_model;
+  if (kept.empty() && c.from_factory.added.empty() && !model_stays) return;
+  std::string message = kept.empty() ? "devices of {trees} that take this release and roll back"
+                                      : "devices of {trees} that take this release and roll back keep "
+                                        "it, which devices that never left the old release lack";
+  if (!c.from_factory.added.empty()) {
+    message += (kept.empty() ? " lack " : ", and lack ") + comma_list(c.from_factory.added);
+  }
+  if (!c.provisions) {
+    message += "; the old release finds the version line " + shown(c.line_before) +
+               " it had and provisions nothing at all";
+  }
+  if (model_stays) {
+    message += "; the configuration the update left moves them to odm_" + c.model_after +
+               " instead of odm_" + c.new_model;
+  }
+  const std::string boot = read_at_boot(kept);
+  out->add("rollback-keeps", !boot.empty(), kept.empty() ? "odm_" + c.new_model : comma_list(kept),
+           message + boot, row, c.new_model, k, file_locations(kept, row.final_model, k, c.new_model));
 }
 
 // The findings of the installed /odm's courses.
@@ -491,17 +568,22 @@ void judge_installed(const Options& options, const Row& row, Gathered* out) {
   std::vector<std::string> drifted = c.from_factory.added;
   drifted.insert(drifted.end(), c.from_factory.changed.begin(), c.from_factory.changed.end());
   std::sort(drifted.begin(), drifted.end());
+  const auto installed = [](const std::vector<std::string>& files) {
+    std::vector<Location> out;
+    for (const std::string& file : files) out.push_back({kInInstalled, "etc/" + file, 0, 0});
+    return out;
+  };
   if (!drifted.empty()) {
     out->add("drift", true, options.installed,
              "differs from what {trees} installs in " + comma_list(drifted) +
                  ", under the installed stamp " + shown(c.line_after) + ": no start mends it",
-             row, c.new_model);
+             row, c.new_model, std::nullopt, installed(drifted));
   }
   if (!c.from_factory.removed.empty()) {
     out->add("left-behind", false, comma_list(c.from_factory.removed),
              "stays in " + options.installed + " after its starts, and new devices of {trees} lack it" +
                  read_at_boot(c.from_factory.removed),
-             row, c.new_model);
+             row, c.new_model, std::nullopt, installed(c.from_factory.removed));
   }
 }
 
@@ -515,6 +597,10 @@ const char* advice(const std::string& code, const std::string& subject) {
   if (code == "left-behind") {
     return "no start removes it: keep it in the tree (empty, if it must say nothing), or reflash /odm";
   }
+  if (code == "rollback-keeps") {
+    return "ship the old release's files under the names the new one adds (empty, if they must say "
+           "nothing), or keep the new files out of the boot path until the new release is proven";
+  }
   if (code == "restart-without-change") return "keep the version line while nothing changes";
   if (code == "drift") return "reflash /odm, or raise the version line so that the devices provision again";
   return "make sure these devices are to get the other tree";
@@ -523,67 +609,85 @@ const char* advice(const std::string& code, const std::string& subject) {
 // A course and its course_key.
 using Made = std::pair<Course, std::string>;
 
-// The course of the device |after| against the factory device |fresh|:
-// updated from the old release's device |old|, or from the installed /odm
-// when |old| is null; each made once.
-const Made& made_course(const Devices& d, size_t from_installed, const Settled* old, const Settled& after,
-                        const Settled& fresh,
+// The course of the device |after|, which started from |before| (or from the
+// installed /odm when |before| is null), against the device |fresh|; each
+// made once.
+const Made& made_course(const Devices& d, size_t from_installed, const Settled* before,
+                        const Settled& after, const Settled& fresh,
                         std::map<std::tuple<const Settled*, const Settled*, const Settled*>, Made>* made) {
-  const auto [it, added] = made->emplace(std::make_tuple(old, &after, &fresh), Made());
+  const auto [it, added] = made->emplace(std::make_tuple(before, &after, &fresh), Made());
   if (!added) return it->second;
   Course& c = it->second.first;
-  if (old != nullptr) {
-    c = course(d, old->state, after, fresh);
-    c.model_before = old->model;
-    if (c.model_after.empty()) c.model_after = old->model;
+  if (before != nullptr) {
+    c = course(d, before->state, after, fresh);
+    c.model_before = before->model;
+    if (c.model_after.empty()) c.model_after = before->model;
   } else {
     c = course(d, from_installed, after, fresh);
     // Which tree an installed /odm came from nobody knows, nor is it shown.
     c.model_after.clear();
   }
-  it->second.second = course_key(c);
+  // Courses alike get one number: what sets rows apart is short to compare.
+  static std::map<std::string, size_t> numbers;
+  it->second.second = std::to_string(intern(&numbers, course_key(c))) + ',';
   return it->second;
 }
 
-// A product text under a setting of a row, and its devices: of the old
-// release, fresh from the factory, updated, and from the installed /odm.
+// A product text under a setting of a row, and its devices: of each old
+// release, fresh from the factory, updated from each old release and rolled
+// back to it, and from the installed /odm.
 struct Pair {
+  const Row* row;
   const std::string* product;
   size_t setting;
   std::string inputs;  // its pair_inputs
-  const Settled *old, *fresh, *updated, *later;
+  std::vector<const Settled*> old, updated, rolled;
+  const Settled *fresh, *later;
 };
 
 // The devices of every pair's courses, and the state of the installed /odm;
 // false when a start could not run.
 bool run_devices(const Options& options, Devices* d, std::vector<Pair>* pairs, size_t* from_installed) {
-  const bool update = !options.update_from.empty(), installed = !options.installed.empty();
+  const size_t releases = options.update_from.size();
+  const bool installed = !options.installed.empty();
   // The rows' answers are those of the configuration the resolution read:
   // the default, or what prepare_odm put in its place.
-  const auto seed = [&](bool old) {
-    const std::string config = d->has_default ? (old ? "old default" : "default") : own_config(d);
+  const auto seed = [&](int release) {
+    const std::string config = d->has_default ? "default of " + std::to_string(release) : own_config(d);
     for (const Row& row : d->report.rows) {
       for (const std::string& product : row.products) {
         for (size_t s : row.settings) {
           d->answers[key_of({config, std::to_string(s), product})] =
-              old ? row.old_preliminary : row.preliminary;
+              release == kNewRelease ? row.preliminary : row.old_preliminary[release];
         }
       }
     }
   };
-  if (update) {
-    use_release_of(d, true);
+  // Where the release in place ships a default configuration, the pairs of
+  // one row with the same inputs read alike in every start: the row's first
+  // such pair starts for all of them. (Without one, each device reads a
+  // configuration of its own, which may answer its products otherwise.)
+  std::map<std::tuple<const Row*, std::string, size_t>, const Settled*> done;
+  const auto take = [&](size_t state, const Pair& pair) {
+    if (!d->has_default) return settle(d, state, pair.setting, *pair.product, pair.inputs);
+    const Settled*& settled = done[{pair.row, pair.inputs + '\0' + std::to_string(d->release), state}];
+    if (settled == nullptr) settled = settle(d, state, pair.setting, *pair.product, pair.inputs);
+    return settled;
+  };
+  for (size_t k = 0; k < releases; ++k) {
+    use_release_of(d, k);
     prepare_odm(options, false);
-    seed(true);
+    seed(k);
     const size_t factory = note_state(d);
     for (Pair& pair : *pairs) {
-      if (!(pair.old = settle(d, factory, pair.setting, *pair.product, pair.inputs))) return false;
+      pair.old.push_back(take(factory, pair));
+      if (pair.old.back() == nullptr) return false;
     }
   }
-  use_release_of(d, false);
+  use_release_of(d, kNewRelease);
   prepare_odm(options, installed);
   d->held = SIZE_MAX;
-  seed(false);
+  seed(kNewRelease);
   prepare_odm(options, false);
   const size_t factory = note_state(d);
   if (installed) {
@@ -591,25 +695,37 @@ bool run_devices(const Options& options, Devices* d, std::vector<Pair>* pairs, s
     *from_installed = note_state(d);
   }
   for (Pair& pair : *pairs) {
-    const auto take = [&](size_t state) { return settle(d, state, pair.setting, *pair.product, pair.inputs); };
-    if (!(pair.fresh = take(factory))) return false;
-    if (update && !(pair.updated = take(pair.old->state))) return false;
-    if (installed && !(pair.later = take(*from_installed))) return false;
+    if (!(pair.fresh = take(factory, pair))) return false;
+    for (size_t k = 0; k < releases; ++k) {
+      pair.updated.push_back(take(pair.old[k]->state, pair));
+      if (pair.updated.back() == nullptr) return false;
+    }
+    if (installed && !(pair.later = take(*from_installed, pair))) return false;
   }
+  // Back to each old release, as A/B devices go when the new slot fails.
+  for (size_t k = 0; options.rollback && k < releases; ++k) {
+    use_release_of(d, k);
+    for (Pair& pair : *pairs) {
+      pair.rolled.push_back(take(pair.updated[k]->state, pair));
+      if (pair.rolled.back() == nullptr) return false;
+    }
+  }
+  use_release_of(d, kNewRelease);
   return true;
 }
 
 }  // namespace
 
 bool examine_courses(const Options& options, Report* report) {
-  const bool update = !options.update_from.empty(), installed = !options.installed.empty();
-  if (!update && !installed) return true;
+  const size_t releases = options.update_from.size();
+  const bool installed = !options.installed.empty();
+  if (releases == 0 && !installed) return true;
   Devices d{options, *report};
   std::vector<Pair> pairs;
   for (const Row& row : report->rows) {
     for (const std::string& product : row.products) {
       for (size_t s : row.settings) {
-        pairs.push_back({&product, s, pair_inputs(d, s, product), nullptr, nullptr, nullptr, nullptr});
+        pairs.push_back({&row, &product, s, pair_inputs(d, s, product), {}, {}, {}, nullptr, nullptr});
       }
     }
   }
@@ -628,18 +744,33 @@ bool examine_courses(const Options& options, Report* report) {
       struct Group {
         std::string key;
         std::vector<size_t> settings;
-        const Made *updated, *later;
+        std::vector<const Made*> updated, rolled;
+        const Made* later;
       };
       std::vector<Group> groups;
       for (size_t s : row.settings) {
         const Pair& pair = *next++;
-        const Made* updated =
-            update ? &made_course(d, from_installed, pair.old, *pair.updated, *pair.fresh, &made) : nullptr;
-        const Made* later =
-            installed ? &made_course(d, from_installed, nullptr, *pair.later, *pair.fresh, &made) : nullptr;
-        const std::string key = (updated ? updated->second : "") + '\n' + (later ? later->second : "");
-        auto it = std::find_if(groups.begin(), groups.end(), [&](const Group& g) { return g.key == key; });
-        if (it == groups.end()) it = groups.insert(groups.end(), {key, {}, updated, later});
+        Group group{"", {}, {}, {}, nullptr};
+        for (size_t k = 0; k < releases; ++k) {
+          group.updated.push_back(&made_course(d, from_installed, pair.old[k], *pair.updated[k], *pair.fresh, &made));
+          group.key += group.updated.back()->second + '\n';
+          if (!options.rollback) continue;
+          // Against a device that never left the old release.
+          Made& back = const_cast<Made&>(
+              made_course(d, from_installed, pair.updated[k], *pair.rolled[k], *pair.old[k], &made));
+          back.first.model_before = pair.updated[k]->model.empty() ? pair.old[k]->model : pair.updated[k]->model;
+          back.first.model_after = pair.rolled[k]->model.empty() ? back.first.model_before : pair.rolled[k]->model;
+          back.first.new_model = pair.old[k]->model;
+          back.second = course_key(back.first);
+          group.rolled.push_back(&back);
+          group.key += back.second + '\n';
+        }
+        if (installed) {
+          group.later = &made_course(d, from_installed, nullptr, *pair.later, *pair.fresh, &made);
+          group.key += group.later->second;
+        }
+        auto it = std::find_if(groups.begin(), groups.end(), [&](const Group& g) { return g.key == group.key; });
+        if (it == groups.end()) it = groups.insert(groups.end(), group);
         it->settings.push_back(s);
       }
       for (const Group& group : groups) {
@@ -651,7 +782,8 @@ bool examine_courses(const Options& options, Report* report) {
           part.products.clear();
           part.settings = group.settings;
           if (group.settings != row.settings) part.when = settings_in_words(*report, group.settings);
-          if (group.updated) part.update = group.updated->first;
+          for (const Made* m : group.updated) part.update.push_back(m->first);
+          for (const Made* m : group.rolled) part.rollback.push_back(m->first);
           if (group.later) part.installed = group.later->first;
           if (group.later) part.provisions = group.later->first.provisions;
           it = parts.insert(parts.end(), {id, part});
@@ -665,7 +797,8 @@ bool examine_courses(const Options& options, Report* report) {
 
   Gathered gathered;
   for (const Row& row : report->rows) {
-    if (row.update) judge_update(row, &gathered);
+    for (size_t k = 0; k < row.update.size(); ++k) judge_update(row, k, &gathered);
+    for (size_t k = 0; k < row.rollback.size(); ++k) judge_rollback(row, k, &gathered);
   }
   // An installed /odm is one device's: it is judged as a device of the rows
   // whose new devices differ from it in the fewest entries after its starts.
@@ -684,10 +817,15 @@ bool examine_courses(const Options& options, Report* report) {
     std::string text = message;
     const size_t at = text.find("{trees}");
     if (at != std::string::npos) text.replace(at, 7, join(trees));
-    add_finding(report, code, error, subject,
-                text + " (" + (products.size() == report->product_count ? "every product text"
-                                                                        : join(products)) + ")",
-                advice(code, subject));
+    text += " (" + (products.size() == report->product_count ? "every product text" : join(products));
+    // With several old releases, which of them it comes from.
+    if (releases > 1 && !rows.releases.empty()) {
+      std::vector<std::string> from;
+      for (size_t k : rows.releases) from.push_back(options.update_from[k]);
+      text += "; from " + join(from, from.size());
+    }
+    add_finding(report, code, error, subject, text + ")", advice(code, subject), rows.locations,
+                std::vector<size_t>(rows.releases.begin(), rows.releases.end()));
   }
   return true;
 }

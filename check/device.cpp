@@ -46,7 +46,7 @@ const int kPollMs = 100;
 // The largest --config read.
 const size_t kMaxConfig = 256 << 20;
 
-bool old_release_in_place = false;
+int release_in_place = kNewRelease;
 
 std::string root_path;
 std::vector<Finding> start_findings;
@@ -117,7 +117,7 @@ void start_finding(const std::string& code, const std::string& start, const std:
       return;
     }
   }
-  start_findings.push_back({code, true, start, how, "", {}});
+  start_findings.push_back({code, true, start, how, "", {}, {}});
 }
 
 // The bytes of --config |path|. One inside |tree| is read as a device would
@@ -170,8 +170,8 @@ std::string scratch_root() {
   return root_path;
 }
 
-void make_device(const Options& options, const std::string& tree, const std::string& old_tree,
-                 CopyNotes* notes) {
+void make_device(const Options& options, const std::string& tree,
+                 const std::vector<std::string>& old_trees, CopyNotes* notes) {
   scratch_root();
   // From here on the program's library finds its device in the scratch root.
   setenv("TARNWICK_ROOT", root_path.c_str(), 1);
@@ -191,7 +191,9 @@ void make_device(const Options& options, const std::string& tree, const std::str
     write_file(host(replace ? kDefaultConfigPath : kCheckConfig), read_config(options.config, tree));
   }
   if (!options.installed.empty()) copy_input(options.installed, host(kCheckInstalled), options.installed, notes);
-  if (!old_tree.empty()) copy_input(old_tree, host(kCheckOtherRelease), options.update_from, notes);
+  for (size_t k = 0; k < old_trees.size(); ++k) {
+    copy_input(old_trees[k], host(kCheckReleases + std::to_string(k)), options.update_from[k], notes);
+  }
 }
 
 void write_file(const std::string& path, const std::string& bytes) {
@@ -222,21 +224,23 @@ std::vector<Finding> starts_that_did_not_end() {
              : count + " ended abnormally (" + noted.message + "): " + join(starts, 4),
          "see the special-file and unreadable findings; tools/run-device runs such a start on a "
          "copy of the tree and shows its log",
+         {},
          {}});
   }
   return findings;
 }
 
-void use_release(bool old) {
-  if (old == old_release_in_place) return;
+void use_release(int release) {
+  if (release == release_in_place) return;
+  const auto parking = [](int r) {
+    return host(kCheckReleases + (r == kNewRelease ? std::string("new") : std::to_string(r)));
+  };
   const std::string odm_dir = host(fs::path(kModelTreePrefix).parent_path());
-  const std::string away = host("/tarnwick-check/away");
-  if (rename(odm_dir.c_str(), away.c_str()) != 0 ||
-      rename(host(kCheckOtherRelease).c_str(), odm_dir.c_str()) != 0 ||
-      rename(away.c_str(), host(kCheckOtherRelease).c_str()) != 0) {
+  if (rename(odm_dir.c_str(), parking(release_in_place).c_str()) != 0 ||
+      rename(parking(release).c_str(), odm_dir.c_str()) != 0) {
     fail("cannot swap the releases in " + root_path + ": " + strerror(errno));
   }
-  old_release_in_place = old;
+  release_in_place = release;
 }
 
 void restore_odm(const std::string& from) {

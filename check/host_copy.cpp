@@ -4,12 +4,15 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <openssl/evp.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <map>
 #include <memory>
 
 #include "check/check.h"
@@ -193,6 +196,21 @@ std::string read_open(int fd, size_t limit) {
 std::string read_regular(const std::string& path, size_t limit) {
   Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   return read_open(fd.fd, limit);
+}
+
+std::string release_digest(int fd, const std::vector<std::string>& releases) {
+  static std::map<std::pair<dev_t, ino_t>, std::string> known;
+  // A link in a release may lead out of it, to a file a start writes.
+  char path[PATH_MAX];
+  const ssize_t n = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof(path) - 1);
+  struct stat st;
+  const std::string at(path, n > 0 ? n : 0);
+  const bool in_release = std::any_of(releases.begin(), releases.end(),
+                                      [&](const std::string& dir) { return at.rfind(dir, 0) == 0; });
+  if (!in_release || fstat(fd, &st) != 0) return digest_of(fd);
+  auto [it, added] = known.emplace(std::make_pair(st.st_dev, st.st_ino), std::string());
+  if (added) it->second = digest_of(fd);
+  return it->second;
 }
 
 std::string digest_of(int fd) {

@@ -56,6 +56,10 @@ std::string read_open(int fd, size_t limit);
 
 // A digest of the bytes of the regular file open at |fd| (SHA-256, hex).
 std::string digest_of(int fd);
+// The same for a file of the releases in the scratch root (those under the
+// host directories |releases|), which nothing writes after their copy:
+// worked out once per file, however many names it has.
+std::string release_digest(int fd, const std::vector<std::string>& releases);
 
 // True when the scratch root's file system has room for what one start of
 // the program can write: a copy of every regular file of the inputs at most.

@@ -30,7 +30,9 @@ built: the model and tree each product text gets, what a provisioning run
 installs from each tree, and what will go wrong on a device.
 
 VENDOR_ODM_DIR is the directory that becomes /vendor/etc/odm (it holds
-odm_default/ and the odm_<model>/ trees); a device root is accepted too.
+odm_default/ and the odm_<model>/ trees); a device root is accepted too, and
+so are a target-files package (zipped or extracted) and a vendor image (ext4
+or EROFS, raw or sparse), read without mounting.
 
 Options:
   --config FILE      resolve with this configuration, as if it were
@@ -42,9 +44,12 @@ Options:
                      block tests takes each value the blocks name, and unset)
   --installed DIR    an existing /odm: tell what its next start does, and
                      what it keeps that a new device of the tree lacks
-  --update-from DIR  the vendor ODM tree (or device root) of the release the
-                     devices run now: tell what taking this one does to
-                     them, against new devices of this one
+  --update-from OLD  a release the devices run now (any kind the tree may
+                     be): tell what taking this one does to them, against
+                     new devices of this one (repeatable: every release
+                     still in the field)
+  --rollback         with --update-from: also tell what a device keeps
+                     that takes this release and rolls back to an old one
   --json             print one JSON document instead of the report
   --sarif FILE       also write the findings to FILE as a SARIF 2.1.0 log,
                      each located in the inputs' files (and lines)
@@ -53,7 +58,7 @@ Options:
   -h, --help         show this text
 
 Exit status: 0 without errors, 1 with errors (or warnings under --strict),
-2 on a usage error, an unreadable directory or a start that could not run.
+2 on a usage error, an unreadable input or a start that could not run.
 )";
 
 bool readable_dir(const std::string& path) {
@@ -72,6 +77,7 @@ int parse(int argc, char** argv, Options* options) {
       {"config", required_argument, nullptr, 'c'}, {"product", required_argument, nullptr, 'p'},
       {"prop", required_argument, nullptr, 'P'},   {"installed", required_argument, nullptr, 'i'},
       {"update-from", required_argument, nullptr, 'u'}, {"sarif", required_argument, nullptr, 'S'},
+      {"rollback", no_argument, nullptr, 'r'},
       {"json", no_argument, nullptr, 'j'},         {"strict", no_argument, nullptr, 's'},
       {"help", no_argument, nullptr, 'h'},         {"version", no_argument, nullptr, 'V'},
       {nullptr, 0, nullptr, 0}};
@@ -82,7 +88,8 @@ int parse(int argc, char** argv, Options* options) {
     switch (c) {
       case 'c': options->config = arg; break;
       case 'i': options->installed = arg; break;
-      case 'u': options->update_from = arg; break;
+      case 'u': options->update_from.push_back(arg); break;
+      case 'r': options->rollback = true; break;
       case 'S': options->sarif = arg; break;
       case 'j': options->json = true; break;
       case 's': options->strict = true; break;
@@ -108,6 +115,9 @@ int parse(int argc, char** argv, Options* options) {
     }
   }
   if (optind + 1 != argc) return usage_error(optind == argc ? "give VENDOR_ODM_DIR" : "give one VENDOR_ODM_DIR");
+  if (options->rollback && options->update_from.empty()) {
+    return usage_error("--rollback needs the releases to roll back to: give --update-from");
+  }
   options->tree = argv[optind];
   return -1;
 }
@@ -133,10 +143,12 @@ int check_tree(const std::string& given, const std::string& tree) {
 // What the command line names must be there before anything is copied. Plain
 // C library calls: the library's own resolve inside the device root, which
 // does not exist yet.
-int check_arguments(const Options& options, const std::string& tree, const std::string& old_tree) {
+int check_arguments(const Options& options, const std::string& tree,
+                    const std::vector<std::string>& old_trees) {
   if (const int status = check_tree(options.tree, tree); status >= 0) return status;
-  if (!old_tree.empty()) {
-    if (const int status = check_tree("--update-from " + options.update_from, old_tree); status >= 0) {
+  for (size_t k = 0; k < old_trees.size(); ++k) {
+    if (const int status = check_tree("--update-from " + options.update_from[k], old_trees[k]);
+        status >= 0) {
       return status;
     }
   }
@@ -174,14 +186,19 @@ int check(const Options& options, const CopyNotes& notes) {
   prepare_odm(options, !options.installed.empty());
   auto tests = label.empty() ? std::map<std::string, std::set<std::string>>()
                              : scan_config(label, &report);
-  if (!options.update_from.empty()) {
-    // The old release's configuration tests properties too: the settings are
-    // those of both. What is wrong with it is not this check's matter.
-    use_release(true);
+  for (size_t k = 0; k < options.update_from.size(); ++k) {
+    // The old releases' configurations test properties too: the settings are
+    // those of all. What is wrong with them is not this check's matter.
+    use_release(k);
     prepare_odm(options, false);
     Report old;
     for (const auto& [name, values] : scan_config("old", &old)) tests[name].insert(values.begin(), values.end());
-    use_release(false);
+    std::string line;
+    if (UniqueFile stamp = open_file(kDefaultStampPath, "r")) {
+      for (std::string read; read_line(stamp.get(), &read);) line = read;
+    }
+    report.old_lines.push_back(line);
+    use_release(kNewRelease);
     prepare_odm(options, !options.installed.empty());
   }
   if (!resolve(options, tests, &report)) {
@@ -218,7 +235,8 @@ int check(const Options& options, const CopyNotes& notes) {
 // stands in the input in |inner|. Entries the reading could not make go
 // into |unmade|, as the copy of a directory notes them.
 std::string read_input(const std::string& option, const std::string& given, const std::string& label,
-                       const char* dir, std::string* inner, std::vector<CopyNote>* unmade) {
+                       const std::string& dir, std::string* inner, std::string* kind,
+                       std::vector<CopyNote>* unmade) {
   const std::string scratch = scratch_root() + dir;
   ReleaseInput release;
   std::string error;
@@ -226,6 +244,7 @@ std::string read_input(const std::string& option, const std::string& given, cons
   if (!read_release(given, scratch, &release, &error)) fail(option + error);
   for (const auto& [name, what] : release.unmade) unmade->push_back({label, name, what});
   *inner = release.inner;
+  *kind = release.kind;
   return release.tree;
 }
 
@@ -236,15 +255,20 @@ int main(int argc, char** argv) {
   int status = parse(argc, argv, &options);
   if (status >= 0) return status;
   std::vector<CopyNote> unmade;
-  const std::string tree = read_input("", options.tree, "", "/input", &options.tree_inner, &unmade);
-  const std::string old_tree =
-      options.update_from.empty() ? ""
-                                  : read_input("--update-from ", options.update_from, options.update_from,
-                                               "/input-old", &options.update_from_inner, &unmade);
-  status = check_arguments(options, tree, old_tree);
+  const std::string tree =
+      read_input("", options.tree, "", "/input", &options.tree_inner, &options.tree_kind, &unmade);
+  std::vector<std::string> old_trees;
+  for (size_t k = 0; k < options.update_from.size(); ++k) {
+    options.update_from_inner.emplace_back();
+    options.update_from_kind.emplace_back();
+    old_trees.push_back(read_input("--update-from ", options.update_from[k], options.update_from[k],
+                                   "/input-old-" + std::to_string(k), &options.update_from_inner.back(),
+                                   &options.update_from_kind.back(), &unmade));
+  }
+  status = check_arguments(options, tree, old_trees);
   if (status >= 0) return status;
   CopyNotes notes;
-  make_device(options, tree, old_tree, &notes);
+  make_device(options, tree, old_trees, &notes);
   notes.special.insert(notes.special.end(), unmade.begin(), unmade.end());
   return check(options, notes);
 }

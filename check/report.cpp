@@ -41,19 +41,27 @@ size_t count(const Report& report, bool errors) {
                        [&](const Finding& f) { return f.error == errors; });
 }
 
-// The courses of every row: a table of their outcomes, each row followed by
-// what its starts change and how it then differs from a new device.
-// The tree is where an updated device's files come from before and after the
-// update, and for an installed /odm a new device's; judged rows of an
-// installed /odm are marked with "*".
-void print_courses(const Report& report, bool update) {
+// Which course of a row a table shows.
+enum class Courses { kUpdate, kRollback, kInstalled };
+
+// The courses of every row of one kind (of old release |k|): a table of their
+// outcomes, each row followed by what its starts change and how it then
+// differs from the device it is held against. The tree is where an updated
+// or rolled-back device's files come from before and after its starts, and
+// for an installed /odm a new device's; judged rows of an installed /odm are
+// marked with "*".
+void print_courses(const Report& report, Courses kind, size_t k) {
+  const auto course_of = [&](const Row& row) -> const Course& {
+    return kind == Courses::kUpdate ? row.update[k] : kind == Courses::kRollback ? row.rollback[k] : *row.installed;
+  };
+  const bool moves = kind != Courses::kInstalled;
   std::vector<std::vector<std::string>> cells;
   for (const Row& row : report.rows) {
-    const Course& c = update ? *row.update : *row.installed;
-    const std::string after = update ? c.model_after : c.new_model;
+    const Course& c = course_of(row);
+    const std::string after = moves ? c.model_after : c.new_model;
     std::string tree = "odm_" + after;
-    if (update && c.model_before != after) tree = "odm_" + c.model_before + " > " + tree;
-    cells.push_back({(!update && row.installed_judged ? "* " : "") + products_of(row), row.when,
+    if (moves && c.model_before != after) tree = "odm_" + c.model_before + " > " + tree;
+    cells.push_back({(!moves && row.installed_judged ? "* " : "") + products_of(row), row.when,
                      printable(tree),
                      c.provisions ? "provisions: " + shown(c.line_before) + " > " + shown(c.line_after)
                                   : "current: " + shown(c.line_after)});
@@ -66,7 +74,7 @@ void print_courses(const Report& report, bool update) {
     std::string text;
     for (size_t i = 0; i < 4; ++i) text += "  " + cells[r][i] + std::string(width[i] - std::min(width[i], cells[r][i].size()), ' ');
     printf("%s\n", text.substr(0, text.find_last_not_of(' ') + 1).c_str());
-    const Course& c = update ? *report.rows[r].update : *report.rows[r].installed;
+    const Course& c = course_of(report.rows[r]);
     const std::pair<const char*, const std::vector<std::string>*> lines[] = {
         {"adds       ", &c.change.added}, {"changes    ", &c.change.changed},
         {"removes    ", &c.change.removed}};
@@ -81,8 +89,17 @@ void print_courses(const Report& report, bool update) {
       if (!files->empty()) unlike += (unlike.empty() ? "" : "; ") + (label + comma_list(*files));
     }
     if (c.properties_differ) unlike += (unlike.empty() ? "" : "; ") + std::string("publishes other properties");
-    if (!unlike.empty()) wrapped("      ", "unlike a new device: ", unlike);
+    if (!unlike.empty()) {
+      wrapped("      ", kind == Courses::kRollback ? "unlike a device that never left: " : "unlike a new device: ",
+              unlike);
+    }
   }
+}
+
+// Old release |k| in words: as given, what it is, and its version line.
+std::string release_words(const Options& options, const Report& report, size_t k) {
+  return printable(options.update_from[k]) + " (" + options.update_from_kind[k] + ", version line " +
+         shown(report.old_lines[k]) + ")";
 }
 
 }  // namespace
@@ -153,14 +170,20 @@ void print_text(const Options& options, const Report& report) {
     }
   }
 
-  if (!options.update_from.empty()) {
-    printf("\nUpdate from %s: its devices once they take this tree\n", printable(options.update_from).c_str());
-    print_courses(report, true);
+  for (size_t k = 0; k < options.update_from.size(); ++k) {
+    printf("\nUpdate from %s: its devices once they take this tree\n",
+           release_words(options, report, k).c_str());
+    print_courses(report, Courses::kUpdate, k);
+  }
+  for (size_t k = 0; options.rollback && k < options.update_from.size(); ++k) {
+    printf("\nRollback to %s: its devices that take this tree, then start it again\n",
+           release_words(options, report, k).c_str());
+    print_courses(report, Courses::kRollback, k);
   }
   if (!options.installed.empty()) {
     printf("\nNext starts on %s (judged as the rows marked *, whose new devices it is closest to)\n",
            printable(options.installed).c_str());
-    print_courses(report, false);
+    print_courses(report, Courses::kInstalled, 0);
   }
 
   const size_t errors = count(report, true);
@@ -180,8 +203,16 @@ void print_text(const Options& options, const Report& report) {
 void print_json(const Options& options, const Report& report) {
   using nlohmann::json;
   auto value = [](const std::optional<std::string>& v) { return v ? json(*v) : json(nullptr); };
-  json doc = {{"version", kJsonVersion}, {"tree", options.tree}, {"configuration", report.config}};
-  if (!options.update_from.empty()) doc["update_from"] = options.update_from;
+  json doc = {{"version", kJsonVersion}, {"minor_version", kJsonMinorVersion}, {"tree", options.tree},
+              {"tree_kind", options.tree_kind}, {"configuration", report.config}};
+  if (!options.update_from.empty()) {
+    doc["update_from"] = json::array();
+    for (size_t k = 0; k < options.update_from.size(); ++k) {
+      doc["update_from"].push_back({{"path", options.update_from[k]}, {"kind", options.update_from_kind[k]},
+                                    {"version_line", report.old_lines[k]}});
+    }
+  }
+  doc["rollback"] = options.rollback;
   if (!options.installed.empty()) doc["installed"] = options.installed;
   doc["tested"] = json::array();
   for (const auto& [name, values] : report.tested) {
@@ -201,23 +232,35 @@ void print_json(const Options& options, const Report& report) {
               {"preliminary", row.preliminary}, {"final", row.final_model},
               {"tree", "odm_" + row.final_model}, {"why", row.why}, {"stamp", in_tree(row.stamp)}};
     if (row.provisions) r["next_start_provisions"] = *row.provisions;
-    const auto course = [](const Course& c) {
+    const auto course = [](const Course& c, const char* against) {
       return json{{"provisions", c.provisions}, {"adds", c.change.added}, {"changes", c.change.changed},
                   {"removes", c.change.removed}, {"version_line_before", c.line_before},
                   {"version_line_after", c.line_after},
-                  {"against_new_device", {{"lacks", c.from_factory.added},
-                                          {"differs", c.from_factory.changed},
-                                          {"keeps", c.from_factory.removed},
-                                          {"properties_differ", c.properties_differ}}}};
+                  {against, {{"lacks", c.from_factory.added},
+                             {"differs", c.from_factory.changed},
+                             {"keeps", c.from_factory.removed},
+                             {"properties_differ", c.properties_differ}}}};
     };
-    if (row.update) {
-      r["update"] = course(*row.update);
-      r["update"]["model_before"] = row.update->model_before;
-      r["update"]["model_after"] = row.update->model_after;
-      r["update"]["stamp_before"] = in_tree(row.old_stamp);
+    if (!row.update.empty()) r["update"] = json::array();
+    for (size_t k = 0; k < row.update.size(); ++k) {
+      json u = course(row.update[k], "against_new_device");
+      u["release"] = k;
+      u["model_before"] = row.update[k].model_before;
+      u["model_after"] = row.update[k].model_after;
+      u["stamp_before"] = in_tree(row.old_stamp[k]);
+      r["update"].push_back(u);
+    }
+    if (!row.rollback.empty()) r["rollback"] = json::array();
+    for (size_t k = 0; k < row.rollback.size(); ++k) {
+      json b = course(row.rollback[k], "against_old_device");
+      b["release"] = k;
+      b["model_before"] = row.rollback[k].model_before;
+      b["model_after"] = row.rollback[k].model_after;
+      b["model_of_old_device"] = row.rollback[k].new_model;
+      r["rollback"].push_back(b);
     }
     if (row.installed) {
-      r["installed"] = course(*row.installed);
+      r["installed"] = course(*row.installed, "against_new_device");
       r["installed"]["judged"] = row.installed_judged;
     }
     doc["rows"].push_back(r);
@@ -239,7 +282,8 @@ void print_json(const Options& options, const Report& report) {
   for (const Finding& f : report.findings) {
     doc["findings"].push_back({{"code", f.code}, {"severity", f.error ? "error" : "warning"},
                                {"subject", f.subject}, {"message", f.message},
-                               {"advice", f.advice}, {"locations", locations_json(options, f)}});
+                               {"advice", f.advice}, {"locations", locations_json(options, f)},
+                               {"releases", f.releases}});
   }
   doc["errors"] = count(report, true);
   doc["warnings"] = count(report, false);

@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "check/check.h"
+#include "check/host_io.h"
 #include "tarnwick/config/config.h"
 #include "tarnwick/fileutil/fileutil.h"
 #include "tarnwick/paths.h"
@@ -88,21 +89,29 @@ std::string reason(const std::string& product, const std::string& target_hit,
 using Tables = std::vector<std::pair<AliasMap, AliasMap>>;  // per setting
 
 // What the selection gives one product text under one setting: its models,
-// the source stamp its start reads, why (in words), and the same of the old
+// the source stamp its start reads, why (in words), and the same of each old
 // release (with --update-from).
 struct Answer {
   std::string preliminary, final_model, stamp, why;
-  std::string old_preliminary, old_final, old_stamp;
+  std::vector<std::string> old_preliminary, old_final, old_stamp;
   std::string key() const {
-    return preliminary + '\0' + final_model + '\0' + stamp + '\0' + why + '\0' + old_preliminary +
-           '\0' + old_final + '\0' + old_stamp;
+    std::string key = preliminary + '\0' + final_model + '\0' + stamp + '\0' + why;
+    for (size_t k = 0; k < old_final.size(); ++k) {
+      key += '\0' + old_preliminary[k] + '\0' + old_final[k] + '\0' + old_stamp[k];
+    }
+    return key;
   }
 };
 
 // The tables of each setting, as a provisioning run loads them from the
 // configuration at /odm/etc/odmconfig.xml.
 Tables load_tables(const Options& options, const std::vector<Setting>& settings) {
-  Tables tables;
+  // Releases that ship the same configuration load the same tables.
+  static std::map<std::string, Tables> loaded;
+  const UniqueFile config = open_file(kConfigPath, "r");
+  const std::string bytes = config ? digest_of(fileno(config.get())) : "<none>";
+  Tables& tables = loaded[bytes];
+  if (!tables.empty()) return tables;
   for (const Setting& setting : settings) {
     write_properties(options, setting, "");
     ModelAliasMap.clear();
@@ -346,16 +355,15 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
     products.insert("");
     add_products(tables, &products);
   }
-  // The old release's tables, and product texts of its own, which its devices
-  // may well carry.
-  const bool update = !options.update_from.empty();
-  Tables old_tables;
-  if (update) {
-    use_release(true);
+  // The old releases' tables, and product texts of their own, which their
+  // devices may well carry.
+  std::vector<Tables> old_tables;
+  for (size_t k = 0; k < options.update_from.size(); ++k) {
+    use_release(k);
     prepare_odm(options, false);
-    old_tables = load_tables(options, report->settings);
-    if (!options.products) add_products(old_tables, &products);
-    use_release(false);
+    old_tables.push_back(load_tables(options, report->settings));
+    if (!options.products) add_products(old_tables.back(), &products);
+    use_release(kNewRelease);
     prepare_odm(options, !options.installed.empty());
   }
   erase_unreadable(&products, report);
@@ -373,26 +381,27 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
       answers[p++].push_back(a);
     }
   }
-  // The old release's answers. The preliminary model depends on the tables
-  // and the product text alone, so where both releases load the same tables
+  // The old releases' answers. The preliminary model depends on the tables
+  // and the product text alone, so where two releases load the same tables
   // the old one's is the new one's, and only the trees are asked again.
-  if (update) {
-    use_release(true);
+  for (size_t k = 0; k < old_tables.size(); ++k) {
+    use_release(k);
     const std::vector<std::string> old_stamps = stamps_of(products);
     Finals old_finals;
     for (size_t s = 0; s < report->settings.size(); ++s) {
-      const bool same_tables = old_tables[s] == tables[s];
+      const bool same_tables = old_tables[k][s] == tables[s];
       const std::optional<Lookups> lookups =
-          same_tables ? std::nullopt : std::make_optional<Lookups>(old_tables[s]);
+          same_tables ? std::nullopt : std::make_optional<Lookups>(old_tables[k][s]);
       size_t p = 0;
       for (const std::string& product : products) {
         Answer& a = answers[p][s];
-        a.old_preliminary = same_tables ? a.preliminary : answer(product, *lookups, &old_finals).preliminary;
-        a.old_final = final_of(a.old_preliminary, &old_finals);
-        a.old_stamp = old_stamps[p++];
+        a.old_preliminary.push_back(same_tables ? a.preliminary
+                                                : answer(product, *lookups, &old_finals).preliminary);
+        a.old_final.push_back(final_of(a.old_preliminary.back(), &old_finals));
+        a.old_stamp.push_back(old_stamps[p++]);
       }
     }
-    use_release(false);
+    use_release(kNewRelease);
   }
 
   // One row per answer, its product texts and settings merged.

@@ -111,6 +111,12 @@ const Rule kRules[] = {
      "With --update-from: the version line changes but nothing in /odm/etc does: every such "
      "device restarts once for nothing.",
      "Keep the version line while nothing changes."},
+    {"rollback-keeps", false, "A rollback keeps what the new release installed",
+     "With --rollback: a device that took the new release and rolled back to an old one keeps "
+     "files (or a model) that devices which never left the old release lack: /odm is not part "
+     "of the slots. An error when the platform reads such a file by name at boot.",
+     "Ship the old release's files under the names the new one adds (empty, if they must say "
+     "nothing), or keep the new files out of the boot path until the new release is proven."},
     {"model-changed", false, "The update moves devices to another tree",
      "With --update-from: the update moves a product text to another tree.",
      "Make sure these devices are to get the other tree."},

@@ -33,15 +33,17 @@ std::string uri_path(const std::string& path) {
   return out;
 }
 
-// The base id of |input| and the file URI of the directory it stands for.
-std::pair<std::string, std::string> base_of(const Options& options, const std::string& input) {
+// The base id of |location|'s input and the file URI of the directory it
+// stands for (a package or an image is one, as a file manager shows it).
+std::pair<std::string, std::string> base_of(const Options& options, const Location& location) {
+  const std::string& input = location.input;
   std::string dir = input == kInTree        ? options.tree
-                    : input == kInUpdateFrom ? options.update_from
+                    : input == kInUpdateFrom ? options.update_from[location.release]
                     : input == kInInstalled  ? options.installed
                                              : fs::path(options.config).parent_path().string();
   std::string absolute = fs::absolute(dir.empty() ? "." : dir).lexically_normal().string();
   if (absolute.empty() || absolute.back() != '/') absolute += '/';
-  std::string id = input == kInUpdateFrom ? "OLD" : input;
+  std::string id = input == kInUpdateFrom ? "OLD" + std::to_string(location.release + 1) : input;
   for (char& c : id) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
   return {id, "file://" + uri_path(absolute)};
 }
@@ -50,7 +52,7 @@ std::pair<std::string, std::string> base_of(const Options& options, const std::s
 std::string inside(const Options& options, const Location& location) {
   if (location.input == kInConfig) return fs::path(options.config).filename();
   const std::string inner = location.input == kInTree        ? options.tree_inner
-                            : location.input == kInUpdateFrom ? options.update_from_inner
+                            : location.input == kInUpdateFrom ? options.update_from_inner[location.release]
                                                              : "";
   return inner.empty() ? location.file : location.file.empty() ? inner : inner + "/" + location.file;
 }
@@ -61,6 +63,7 @@ json locations_json(const Options& options, const Finding& finding) {
   json out = json::array();
   for (const Location& l : finding.locations) {
     json one = {{"input", l.input}, {"file", inside(options, l)}};
+    if (l.input == kInUpdateFrom) one["release"] = l.release;
     if (l.line > 0) one["line"] = l.line;
     out.push_back(one);
   }
@@ -84,7 +87,7 @@ void write_sarif(const Options& options, const Report& report) {
   for (const Finding& f : report.findings) {
     json where = json::array();
     for (const Location& l : f.locations) {
-      const auto [id, uri] = base_of(options, l.input);
+      const auto [id, uri] = base_of(options, l);
       bases[id] = uri;
       // A location about a file as a whole points at its first line.
       where.push_back({{"physicalLocation",

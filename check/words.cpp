@@ -92,11 +92,12 @@ std::string printable(const std::string& text) {
 }
 
 void add_finding(Report* report, std::string code, bool error, std::string subject,
-                 std::string message, std::string advice, std::vector<Location> locations) {
+                 std::string message, std::string advice, std::vector<Location> locations,
+                 std::vector<size_t> releases) {
   std::sort(locations.begin(), locations.end());
   locations.erase(std::unique(locations.begin(), locations.end()), locations.end());
   report->findings.push_back({std::move(code), error, std::move(subject), std::move(message),
-                              std::move(advice), std::move(locations)});
+                              std::move(advice), std::move(locations), std::move(releases)});
 }
 
 Location in_tree_file(const std::string& path, int line) { return {kInTree, path, line}; }

@@ -1,4 +1,4 @@
-// tarnwick-check --update-from and --installed against the program itself:
+// tarnwick-check --update-from, --rollback and --installed against the program itself:
 // random release pairs and installed trees, and every row of the checker's
 // answer compared with the starts of one of its product texts and settings
 // run by hand. A case that differs is printed as a shell script that rebuilds
@@ -237,13 +237,15 @@ json diff(const std::map<std::string, std::string>& from, const std::map<std::st
   return d;
 }
 
-// A course's member as the checker writes it, from the devices by hand.
-json course(const Device& before, const Device& after, const Device& fresh) {
-  const json change = diff(before.etc, after.etc), unlike = diff(after.etc, fresh.etc);
+// A course's member as the checker writes it, from the devices by hand:
+// |after| against |other|, a new device or one that never left the old release.
+json course(const Device& before, const Device& after, const Device& other,
+            const char* against = "against_new_device") {
+  const json change = diff(before.etc, after.etc), unlike = diff(after.etc, other.etc);
   return {{"provisions", after.provisions}, {"adds", change[0]}, {"changes", change[1]},
           {"removes", change[2]}, {"version_line_before", before.line}, {"version_line_after", after.line},
-          {"against_new_device", {{"lacks", unlike[0]}, {"differs", unlike[1]}, {"keeps", unlike[2]},
-                                  {"properties_differ", after.published != fresh.published}}}};
+          {against, {{"lacks", unlike[0]}, {"differs", unlike[1]}, {"keeps", unlike[2]},
+                     {"properties_differ", after.published != other.published}}}};
 }
 
 std::string stamp_of(const std::string& tree, const std::string& product) {
@@ -270,7 +272,7 @@ void give_odm(const std::string& root, const std::string& odm = "") {
 }
 
 const std::set<std::string> kCourseCodes = {"stamp-not-bumped", "left-behind", "restart-without-change",
-                                            "model-changed", "drift"};
+                                            "model-changed", "drift", "rollback-keeps"};
 
 // A random case in |dir|: releases in old/ and new/, in most an installed
 // /odm in installed/ that a device of the old release drifted to; the
@@ -282,6 +284,7 @@ std::vector<std::string> make_case(Gen& g, const std::string& dir) {
   const bool update = g.chance(85);
   std::vector<std::string> args = {TARNWICK_CHECK, "--json"};
   if (update) args.push_back("--update-from=" + dir + "/old");
+  if (update && g.chance(50)) args.push_back("--rollback");
   for (int i = 0, n = g.chance(70) ? 2 + g.pick(3) : 0; i < n; ++i) {
     args.push_back("--product=" + g.one({"p", "q", "r", "q_RU", "A", "B_RU", "C", "VX41", ""}));
   }
@@ -318,7 +321,15 @@ std::vector<std::string> make_case(Gen& g, const std::string& dir) {
 // device roots.
 struct Roots {
   std::string old_tree, tree, installed, old_root, root, fresh_root, copy;
+  bool rollback = false;
 };
+
+// Puts |tree| in the place of the release of device |root|, its /odm kept.
+void swap_release(const std::string& root, const std::string& tree) {
+  fs::rename(root + "/odm", root + ".odm");
+  lay_out(root, tree);
+  give_odm(root, root + ".odm");
+}
 
 // The findings a course implies: code, and subject (the files of left-behind
 // as a JSON list).
@@ -342,10 +353,11 @@ size_t check_pair(const Roots& r, const json& doc, const json& row, const std::s
     give_odm(r.root, r.old_root + "/odm");
     const Device updated = settle(r.root, props, old.model);
     json member = course(old, updated, fresh);
+    member["release"] = 0;
     member["model_before"] = old.model;
     member["model_after"] = updated.model;
     member["stamp_before"] = stamp_of(r.old_tree, product);
-    EXPECT_EQ(row["update"], member);
+    EXPECT_EQ(row["update"], json::array({member}));
     const json& unlike = member["against_new_device"];
     const std::string stamp = stamp_of(r.tree, product);
     if (!updated.provisions && unlike["lacks"].size() + unlike["differs"].size() + unlike["keeps"].size() > 0) {
@@ -357,6 +369,25 @@ size_t check_pair(const Roots& r, const json& doc, const json& row, const std::s
     }
     if (old.model != updated.model) {
       implied->insert({"model-changed", "odm_" + old.model + " > odm_" + updated.model});
+    }
+    if (r.rollback) {
+      // The old release's slot back, against a device that never left it.
+      swap_release(r.root, r.old_tree);
+      const Device rolled = settle(r.root, props, updated.model);
+      json back = course(updated, rolled, old, "against_old_device");
+      back["release"] = 0;
+      back["model_before"] = updated.model;
+      back["model_after"] = rolled.model;
+      back["model_of_old_device"] = old.model;
+      EXPECT_EQ(row["rollback"], json::array({back}));
+      const json& against = back["against_old_device"];
+      std::vector<std::string> kept = against["keeps"];
+      kept.insert(kept.end(), against["differs"].begin(), against["differs"].end());
+      std::sort(kept.begin(), kept.end());
+      if (!kept.empty() || !against["lacks"].empty() || rolled.model != old.model) {
+        implied->insert({"rollback-keeps", kept.empty() ? "odm_" + old.model : json(kept).dump()});
+      }
+      swap_release(r.root, r.tree);
     }
   }
   if (r.installed.empty()) return 0;
@@ -408,7 +439,7 @@ void compare(Gen* g, const std::vector<std::string>& args, const Roots& r) {
   for (const json& f : doc["findings"]) {
     if (kCourseCodes.count(f["code"]) == 0) continue;
     std::string subject = f["subject"];
-    if (f["code"] == "left-behind") {
+    if (f["code"] == "left-behind" || (f["code"] == "rollback-keeps" && subject.rfind("odm_", 0) != 0)) {
       json files = json::array();
       for (size_t at = 0, end; at <= subject.size(); at = end + 2) {
         end = std::min(subject.find(", ", at), subject.size());
@@ -422,8 +453,8 @@ void compare(Gen* g, const std::vector<std::string>& args, const Roots& r) {
 }
 
 Roots roots(const std::string& dir, const std::string& old_tree, const std::string& tree,
-            const std::string& installed) {
-  return {old_tree, tree, installed, dir + "/old-device", dir + "/device", dir + "/fresh", dir + "/copy"};
+            const std::string& installed, bool rollback = false) {
+  return {old_tree, tree, installed, dir + "/old-device", dir + "/device", dir + "/fresh", dir + "/copy", rollback};
 }
 
 class Courses : public testing::TestWithParam<int> {};
@@ -438,7 +469,9 @@ TEST_P(Courses, EveryRowAsStartedByHand) {
     const std::vector<std::string> args = make_case(g, dir);
     const bool update = args[2].rfind("--update-from", 0) == 0;
     const bool installed = args[args.size() - 2].rfind("--installed", 0) == 0;
-    compare(&g, args, roots(dir, update ? dir + "/old" : "", dir + "/new", installed ? dir + "/installed" : ""));
+    const bool rollback = std::find(args.begin(), args.end(), "--rollback") != args.end();
+    compare(&g, args,
+            roots(dir, update ? dir + "/old" : "", dir + "/new", installed ? dir + "/installed" : "", rollback));
     if (HasFailure()) {
       ADD_FAILURE() << "case " << number << " (--seed " << number << " --cases 1) differs; it is\n"
                     << reproducer(dir, args);
@@ -457,8 +490,9 @@ INSTANTIATE_TEST_SUITE_P(Halves, Courses, testing::Values(0, 1));
 // ("kite" loses its alias, so its run removes manifest_kite.xml).
 TEST(Courses, SamplesAsStartedByHand) {
   const std::string dir = make_root(), samples = EXAMPLES_DIR;
-  compare(nullptr, {TARNWICK_CHECK, "--json", "--update-from", samples + "/update/old", samples + "/update/new"},
-          roots(dir, samples + "/update/old", samples + "/update/new", ""));
+  compare(nullptr,
+          {TARNWICK_CHECK, "--json", "--rollback", "--update-from", samples + "/update/old", samples + "/update/new"},
+          roots(dir, samples + "/update/old", samples + "/update/new", "", true));
 
   const std::string device = samples + "/device/vendor/etc/odm", tree = dir + "/forgot";
   fs::copy(device, tree, fs::copy_options::recursive | fs::copy_options::copy_symlinks);

@@ -37,7 +37,7 @@ std::vector<std::string> wrapper() {
 
 std::map<std::string, std::string> snapshot(const std::string& dir) {
   std::map<std::string, std::string> out;
-  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+  for (const auto& entry : fs::recursive_directory_iterator(dir, fs::directory_options::skip_permission_denied)) {
     out[entry.path()] = std::to_string(static_cast<int>(entry.symlink_status().permissions())) +
                         (entry.is_symlink()        ? "->" + fs::read_symlink(entry.path()).string()
                          : entry.is_regular_file() ? get(entry.path())
@@ -81,7 +81,16 @@ std::string make_root() {
   return path;
 }
 
-void remove_root(const std::string& root) { fs::remove_all(root); }
+// Trees that tests made unreadable are opened up again before they go.
+void remove_root(const std::string& root) {
+  std::error_code ec;
+  const fs::file_status st = fs::symlink_status(root, ec);
+  if (fs::is_directory(st)) {
+    fs::permissions(root, fs::perms::owner_all, fs::perm_options::add, ec);
+    for (const auto& entry : fs::directory_iterator(root, ec)) remove_root(entry.path());
+  }
+  fs::remove_all(root, ec);
+}
 
 Start boot(const std::string& root, const std::vector<std::string>& args) {
   std::vector<std::string> argv = {RUN_DEVICE, "--program", TARNWICK_PROGRAM, root, "--"};

@@ -380,6 +380,7 @@ json report(const std::vector<std::string>& args, int* status, const std::string
   if (doc.is_object()) {
     doc.erase("tree");
     doc.erase("update_from");
+    doc.erase("tree_kind");
   }
   strip_inner(&doc, inner);
   return doc;

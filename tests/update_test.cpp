@@ -87,7 +87,7 @@ TEST(Update, SampleShowsEveryFinding) {
     boot_read |= f.find("reads by name at boot: manifest_kite.xml") != std::string::npos;
   }
   EXPECT_TRUE(boot_read);
-  EXPECT_EQ(doc["version"], 2);
+  EXPECT_EQ(doc["version"], 3);
 }
 
 // The smallest case of each way a course went wrong before its devices read
@@ -111,7 +111,7 @@ TEST(Update, EachDeviceReadsItsOwn) {
         {"old" + a, "<a/>"}, {"old" + vx41, "<v/>"}, {"old" + stamp, "1"},
         {"new" + a, "<a/>"}, {"new" + vx41, "<v/>"}, {"new" + stamp, "2"}},
        {"--product=p", "--update-from=old"},
-       {{"/rows/0/update/model_after", "A"}, {"/rows/0/update/against_new_device/keeps", {"odmconfig.xml"}}},
+       {{"/rows/0/update/0/model_after", "A"}, {"/rows/0/update/0/against_new_device/keeps", {"odmconfig.xml"}}},
        {"left-behind", "restart-without-change"}},
       {"a factory device of a release without a default configuration has none, whatever is installed",
        {{"installed/etc/odmconfig.xml", "<c><model name='A'><alias>p</alias></model><setup_odm/></c>"},
@@ -127,8 +127,8 @@ TEST(Update, EachDeviceReadsItsOwn) {
        {{"old" + a, "<a/>"}, {"old/odm_A/odm/etc/x.conf", "x"}, {"old" + vx41, "<v/>"}, {"old" + stamp, "1"},
         {"new" + a, "<a/>"}, {"new" + vx41, "<v/>"}, {"new" + stamp, "2"}},
        {"--product=A", "--update-from=old"},
-       {{"/rows/0/update/provisions", true}, {"/rows/0/update/changes", json::array()},
-        {"/rows/0/update/against_new_device/keeps", {"x.conf"}}},
+       {{"/rows/0/update/0/provisions", true}, {"/rows/0/update/0/changes", json::array()},
+        {"/rows/0/update/0/against_new_device/keeps", {"x.conf"}}},
        {"left-behind", "restart-without-change"}},
       {"the version lines are the stamps' last lines",
        {{"installed/odmver.txt", "OLD\nREL.2\n"}, {"new" + a, "<a/>"}, {"new" + vx41, "<v/>"}, {"new" + stamp, "REL.2\n"}},
