@@ -15,6 +15,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <nlohmann/json.hpp>
 
 #include "check/release_input.h"
@@ -411,6 +412,80 @@ TEST(Release, EveryKindGivesTheDirectorysReport) {
       EXPECT_EQ(status, 1);
     }
   }
+  remove_unpacked(dir.c_str());
+}
+
+// Each release in the field, given together with others, gets the answer it
+// gets alone: the same course for every product text and setting, and the
+// same findings, one for all the releases that share it.
+TEST(Release, EachReleaseInTheFieldAsIfAlone) {
+  const std::string dir = make_root();
+  chmod(dir.c_str(), 0755);
+  // A release in between, which dropped legacy.conf already; and the new one
+  // itself, from which nothing changes.
+  const std::string mid = dir + "/mid";
+  sh("cp -a " + q(kSamples + "/update/old") + " " + q(mid));
+  put(mid + "/odm_default/odm/odmver.txt", "REL.2026.1.1\n");
+  fs::remove(mid + "/odm_KT2/odm/etc/legacy.conf");
+  const std::vector<std::string> releases = {
+      make_input(skipped("target-files package (ZIP)") ? "directory" : "target-files package (ZIP)",
+                 kSamples + "/update/old", dir + "/old"),
+      mid, kSamples + "/update/new"};
+  const std::string tree = kSamples + "/update/new";
+  int status;
+  std::vector<std::string> args = {"--rollback"};
+  for (const std::string& r : releases) args.insert(args.end(), {"--update-from", r});
+  args.push_back(tree);
+  const json all = report(args, &status);
+  ASSERT_TRUE(all.is_object());
+  ASSERT_EQ(all["rows"][0]["update"].size(), releases.size());
+  // A finding as a single run says it: without the releases it comes from.
+  const auto alone_words = [](const json& f) {
+    std::string message = f["message"];
+    const size_t from = message.rfind("; from ");
+    if (from != std::string::npos) message = message.substr(0, from) + ")";
+    return std::string(f["code"]) + " " + std::string(f["subject"]) + ": " + message;
+  };
+  std::map<std::string, std::set<size_t>> found;  // finding -> releases
+  for (const json& f : all["findings"]) {
+    const std::set<size_t> from = f["releases"];
+    EXPECT_TRUE(found.emplace(alone_words(f), from).second) << "given twice: " << f.dump();
+  }
+  std::map<std::string, std::set<size_t>> expected;
+  for (size_t k = 0; k < releases.size(); ++k) {
+    SCOPED_TRACE(releases[k]);
+    const json alone = report({"--rollback", "--update-from", releases[k], tree}, &status);
+    ASSERT_EQ(alone["settings"], all["settings"]);
+    for (const json& f : alone["findings"]) {
+      std::set<size_t>& from = expected[alone_words(f)];
+      if (!f["releases"].empty()) from.insert(k);
+    }
+    // Every product text under every setting: the course release k gives it.
+    for (const json& row : all["rows"]) {
+      for (const json& product : row["products"]) {
+        for (const json& setting : row["settings"]) {
+          const json* same = nullptr;
+          for (const json& r : alone["rows"]) {
+            const auto& p = r["products"];
+            const auto& s = r["settings"];
+            if (std::find(p.begin(), p.end(), product) != p.end() &&
+                std::find(s.begin(), s.end(), setting) != s.end()) {
+              same = &r;
+            }
+          }
+          ASSERT_NE(same, nullptr) << product;
+          for (const char* course : {"update", "rollback"}) {
+            json mine = row[course][k], its = (*same)[course][0];
+            EXPECT_EQ(mine["release"], k);
+            mine.erase("release");
+            its.erase("release");
+            EXPECT_EQ(mine, its) << course << " of " << product << " under setting " << setting;
+          }
+        }
+      }
+    }
+  }
+  EXPECT_EQ(found, expected);
   remove_unpacked(dir.c_str());
 }
 
