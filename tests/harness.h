@@ -24,6 +24,11 @@ std::string prop(const std::string& root, const std::string& name);  // or "<uns
 std::string make_root();
 void remove_root(const std::string& root);
 
+// The checker at a path an ordinary user may start it from: the build's own
+// when every directory above it lets others through, else a copy beside a
+// copy of the program it starts, removed when the tests end.
+std::string checker_for_others();
+
 struct LogLine { std::string file, message; };  // "main.cpp", the text after "] "
 struct Start { int status = -1; std::vector<LogLine> log; std::string kmsg; };
 // One device start of the program over |root|, with umask 0: the modes the

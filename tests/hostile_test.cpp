@@ -170,7 +170,7 @@ TEST(Hostile, EndsInBoundsAndStaysInside) {
       }
       argv.insert(argv.end(), {"env", "TMPDIR=" + dir + "/tmp"});
       for (const auto& word : wrapper()) argv.push_back(word);
-      argv.push_back(TARNWICK_CHECK);
+      argv.push_back(c.as_user ? checker_for_others() : TARNWICK_CHECK);
       if (json) argv.push_back("--json");
       argv.insert(argv.end(), args.begin(), args.end());
       const int status = spawn(argv, dir + ".out", dir + ".err");

@@ -372,7 +372,7 @@ json report(const std::vector<std::string>& args, int* status, const std::string
   std::vector<std::string> argv;
   if (!as.empty()) argv = {"setpriv", "--reuid=" + as, "--regid=" + as, "--clear-groups"};
   for (const auto& word : wrapper()) argv.push_back(word);
-  argv.push_back(TARNWICK_CHECK);
+  argv.push_back(as.empty() ? TARNWICK_CHECK : checker_for_others());
   argv.push_back("--json");
   argv.insert(argv.end(), args.begin(), args.end());
   *status = spawn(argv, out, "/dev/null");
