@@ -192,7 +192,8 @@ void make_device(const Options& options, const std::string& tree,
   }
   if (!options.installed.empty()) copy_input(options.installed, host(kCheckInstalled), options.installed, notes);
   for (size_t k = 0; k < old_trees.size(); ++k) {
-    copy_input(old_trees[k], host(kCheckReleases + std::to_string(k)), options.update_from[k], notes);
+    copy_input(old_trees[k], host(kCheckReleases + std::to_string(k)), options.update_from[k], notes,
+               host(fs::path(kModelTreePrefix).parent_path()));
   }
 }
 

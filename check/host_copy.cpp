@@ -77,6 +77,33 @@ bool copy_bytes(int in, int out, off_t size) {
   return ftruncate(out, size) == 0;
 }
 
+// Whether |a| and |b|, both |size| bytes long, hold the same bytes.
+bool same_bytes(int a, int b, off_t size) {
+  std::unique_ptr<char[]> buf(new char[2 * kChunk]);
+  for (off_t pos = 0; pos < size;) {
+    const size_t want = std::min<off_t>(kChunk, size - pos);
+    if (pread(a, buf.get(), want, pos) != static_cast<ssize_t>(want) ||
+        pread(b, buf.get() + kChunk, want, pos) != static_cast<ssize_t>(want) ||
+        memcmp(buf.get(), buf.get() + kChunk, want) != 0) {
+      return false;
+    }
+    pos += want;
+  }
+  return true;
+}
+
+// Whether regular file |in| (as |st| says it is) holds what entry |name| of
+// directory |like| does, with the same mode: then that entry may stand for it.
+bool same_as(int in, const struct stat& st, int like, const std::string& name) {
+  struct stat other;
+  if (like < 0 || fstatat(like, name.c_str(), &other, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(other.st_mode) ||
+      other.st_size != st.st_size || (other.st_mode & 07777) != (st.st_mode & 07777)) {
+    return false;
+  }
+  Fd theirs(openat(like, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  return theirs.fd >= 0 && same_bytes(in, theirs.fd, st.st_size);
+}
+
 void write_failed(const std::string& what, const std::string& where) {
   fail("cannot " + what + " " + where + ": " + strerror(errno) +
        (errno == ENOSPC || errno == EDQUOT ? " (set TMPDIR to a directory with room)" : ""));
@@ -84,7 +111,7 @@ void write_failed(const std::string& what, const std::string& where) {
 
 // Copies entry |name| of directory |from| (its path |shown| in notes, or none
 // when |notes| is null) into directory |to|, as host path |to_path| for errors.
-void copy_entry(int from, int to, const std::string& name, const std::string& label,
+void copy_entry(int from, int to, int like, const std::string& name, const std::string& label,
                 const std::string& shown, const std::string& to_path, CopyNotes* notes) {
   struct stat st;
   const std::string where = to_path + "/" + name;
@@ -107,6 +134,7 @@ void copy_entry(int from, int to, const std::string& name, const std::string& la
     Fd in(openat(from, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     Fd out(openat(to, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (out.fd < 0) write_failed("open the directory", where);
+    Fd theirs(like < 0 ? -1 : openat(like, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (in.fd < 0) {
       if (notes != nullptr) notes->unreadable.push_back({label, shown, strerror(errno)});
     } else {
@@ -118,7 +146,7 @@ void copy_entry(int from, int to, const std::string& name, const std::string& la
       }
       if ((!listing || errno != 0) && notes != nullptr) notes->unreadable.push_back({label, shown, strerror(errno)});
       for (const std::string& child : names) {
-        copy_entry(in.fd, out.fd, child, label, joined(shown, child), where, notes);
+        copy_entry(in.fd, out.fd, theirs.fd, child, label, joined(shown, child), where, notes);
       }
     }
     if (fchmod(out.fd, mode) != 0) write_failed("set the mode of", where);
@@ -128,6 +156,9 @@ void copy_entry(int from, int to, const std::string& name, const std::string& la
       ++input_files;
     }
     Fd in(openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (in.fd >= 0 && same_as(in.fd, st, like, name)) {
+      if (linkat(like, name.c_str(), to, name.c_str(), 0) == 0) return;
+    }
     Fd out(openat(to, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (out.fd < 0) write_failed("make the file", where);
     if (in.fd < 0) {
@@ -152,7 +183,7 @@ void copy_entry(int from, int to, const std::string& name, const std::string& la
 }  // namespace
 
 void copy_input(const std::string& from, const std::string& to, const std::string& label,
-                CopyNotes* notes) {
+                CopyNotes* notes, const std::string& like) {
   // The top is copied under a name of its own, then given its place.
   const std::string parent = to.substr(0, to.rfind('/'));
   Fd in(open(from.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -172,7 +203,8 @@ void copy_input(const std::string& from, const std::string& to, const std::strin
     if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.push_back(entry->d_name);
   }
   if (!listing || errno != 0) fail("cannot read " + from + ": " + strerror(errno));
-  for (const std::string& child : names) copy_entry(in.fd, top.fd, child, label, child, to, notes);
+  Fd theirs(like.empty() ? -1 : open(like.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  for (const std::string& child : names) copy_entry(in.fd, top.fd, theirs.fd, child, label, child, to, notes);
   if (fchmod(top.fd, (st.st_mode & 07777) | 0700) != 0) write_failed("set the mode of", to);
 }
 

@@ -35,8 +35,11 @@ std::string make_scratch_root();
 // files (holes kept), links as they are, FIFOs and sockets as what they are;
 // device files are not made. Nothing below |from| is followed. |label| names
 // |from| in |notes| ("" for the tree checked). A write that fails ends the checker.
+// A regular file whose mode and bytes are those of the file at the same path
+// under |like| (a copy made before, which nothing writes to) becomes another
+// link to that file: releases share most of their files.
 void copy_input(const std::string& from, const std::string& to, const std::string& label,
-                CopyNotes* notes);
+                CopyNotes* notes, const std::string& like = "");
 
 // The bytes and the number of the regular files copied by copy_input so far.
 std::pair<unsigned long long, unsigned long long> input_size();
