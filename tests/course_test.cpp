@@ -412,9 +412,14 @@ size_t check_pair(const Roots& r, const json& doc, const json& row, const std::s
 // |r|: every row against the starts by hand of one of its product texts and
 // settings drawn by |g|, or of each when |g| is null.
 void compare(Gen* g, const std::vector<std::string>& args, const Roots& r) {
-  std::string out;
-  run(args, &out);
-  const json doc = json::parse(out);
+  std::vector<std::string> argv = wrapper();
+  argv.insert(argv.end(), args.begin(), args.end());
+  const int status = spawn(argv, r.copy + ".out", r.copy + ".err");
+  const json doc = json::parse(get(r.copy + ".out"), nullptr, false);
+  if (doc.is_discarded() || status > 1) {
+    ADD_FAILURE() << "the checker exited with status " << status << ", saying " << get(r.copy + ".err");
+    return;
+  }
   if (!r.old_tree.empty()) lay_out(r.old_root, r.old_tree);
   lay_out(r.root, r.tree);
   lay_out(r.fresh_root, r.tree);
