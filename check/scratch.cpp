@@ -112,8 +112,12 @@ std::string make_scratch_root() {
   for (int sig : {SIGINT, SIGTERM, SIGHUP}) signal(sig, on_signal);
   atexit(remove_root);
   root_fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const int lock = open((path + "/" + kLock).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (root_fd < 0 || lock < 0 || flock(lock, LOCK_EX | LOCK_NB) != 0) {
+  // The lock gets its name only once it is held: another run's sweep never
+  // finds it free while this run lives (a young root without one it leaves).
+  const std::string held = path + "/" + kLock + ".new";
+  const int lock = open(held.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (root_fd < 0 || lock < 0 || flock(lock, LOCK_EX | LOCK_NB) != 0 ||
+      rename(held.c_str(), (path + "/" + kLock).c_str()) != 0) {
     fail("cannot set up the scratch directory " + path + ": " + strerror(errno));
   }
   // The lock stays open, and so held, until the process ends.

@@ -246,3 +246,19 @@ TEST(Hostile, KilledRunsLeaveNothingForLong) {
   EXPECT_EQ(scratch_roots(), 0) << "a run ended by SIGTERM removes its own";
   remove_root(dir);
 }
+
+// Runs side by side in one TMPDIR: each one's sweep of killed runs' roots
+// leaves the others' alone, also in the moment a run takes its lock.
+TEST(Hostile, RunsSideBySideLeaveEachOthersRoots) {
+  const std::string dir = make_root(), tmp = dir + "/tmp";
+  fs::create_directories(tmp);
+  std::string wrap;
+  for (const auto& word : wrapper()) wrap += word + " ";
+  const std::string one_run = "TMPDIR=" + tmp + " " + wrap + TARNWICK_CHECK + " " + EXAMPLES_DIR + "/device >/dev/null 2>>" +
+                              dir + "/errors || echo failed";
+  const std::string script = "for j in 1 2 3 4; do (for i in $(seq 40); do " + one_run + "; done) & done; wait";
+  EXPECT_EQ(spawn({"sh", "-c", script}, dir + "/out", "/dev/null"), 0);
+  EXPECT_EQ(get(dir + "/out"), "") << get(dir + "/errors");
+  EXPECT_TRUE(fs::is_empty(tmp));
+  remove_root(dir);
+}
