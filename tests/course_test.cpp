@@ -3,6 +3,7 @@
 // answer compared with the starts of one of its product texts and settings
 // run by hand. A case that differs is printed as a shell script that rebuilds
 // its trees. Usage: tarnwick_course_tests [--cases N] [--seed S] [gtest flags]
+// (TARNWICK_COURSE_CASES=N in the environment sets the count too)
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <spawn.h>
@@ -527,6 +528,8 @@ TEST(Courses, SamplesAsStartedByHand) {
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
+  // TARNWICK_COURSE_CASES: the count for runs that need only a few.
+  if (const char* few = getenv("TARNWICK_COURSE_CASES")) cases = std::stoi(few);
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string flag = argv[i];
     if (flag == "--cases") cases = std::stoi(argv[i + 1]);
