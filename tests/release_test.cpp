@@ -390,26 +390,36 @@ json report(const std::vector<std::string>& args, int* status, const std::string
 TEST(Release, EveryKindGivesTheDirectorysReport) {
   const std::string dir = make_root();
   chmod(dir.c_str(), 0755);
-  int status;
-  const json expected =
-      report({"--update-from", kSamples + "/update/old", kSamples + "/update/new"}, &status);
-  ASSERT_EQ(status, 1);
-  for (const Kind& kind : kKinds) {
-    SCOPED_TRACE(kind.name);
-    if (skipped(kind.name)) continue;
-    const std::string at = dir + "/" + std::to_string(&kind - kKinds);
-    const std::string old_release = make_input(kind.name, kSamples + "/update/old", at + "/old");
-    const std::string new_release = make_input(kind.name, kSamples + "/update/new", at + "/new");
-    EXPECT_EQ(report({"--update-from", old_release, new_release}, &status, "", kind.inner).dump(1),
-              expected.dump(1));
-    EXPECT_EQ(status, 1);
-    // The README's case as an ordinary user, for each reader.
-    if (root() && !emulated() && kind.name != "directory" &&
-        kind.name.find("extracted") == std::string::npos) {
-      EXPECT_EQ(
-          report({"--update-from", old_release, new_release}, &status, kUser, kind.inner).dump(1),
-          expected.dump(1));
+  // The update pair, and the README's forgotten stamp: a release that changes
+  // sensors.conf and drops audio_effects.xml under the same version line.
+  const std::string readme = dir + "/readme-new";
+  sh("cp -a " + q(kSamples + "/device/vendor/etc/odm") + " " + q(readme));
+  put(readme + "/odm_RK7DS/odm/etc/sensors.conf", get(readme + "/odm_RK7DS/odm/etc/sensors.conf") + "accel_rate=400\n");
+  fs::remove(readme + "/odm_RK7DS/odm/etc/audio_effects.xml");
+  const std::pair<std::string, std::string> pairs[] = {
+      {kSamples + "/update/old", kSamples + "/update/new"}, {kSamples + "/device/vendor/etc/odm", readme}};
+  for (size_t n = 0; n < std::size(pairs); ++n) {
+    const auto& [old_tree, new_tree] = pairs[n];
+    SCOPED_TRACE(new_tree);
+    int status;
+    const json expected = report({"--update-from", old_tree, new_tree}, &status);
+    ASSERT_EQ(status, 1);
+    for (const Kind& kind : kKinds) {
+      SCOPED_TRACE(kind.name);
+      if (skipped(kind.name)) continue;
+      const std::string at = dir + "/" + std::to_string(n) + "-" + std::to_string(&kind - kKinds);
+      const std::string old_release = make_input(kind.name, old_tree, at + "/old");
+      const std::string new_release = make_input(kind.name, new_tree, at + "/new");
+      EXPECT_EQ(report({"--update-from", old_release, new_release}, &status, "", kind.inner).dump(1),
+                expected.dump(1));
       EXPECT_EQ(status, 1);
+      // As an ordinary user, for each reader.
+      if (root() && !emulated() && kind.name != "directory") {
+        EXPECT_EQ(
+            report({"--update-from", old_release, new_release}, &status, kUser, kind.inner).dump(1),
+            expected.dump(1));
+        EXPECT_EQ(status, 1);
+      }
     }
   }
   remove_unpacked(dir.c_str());
