@@ -104,8 +104,9 @@ struct Answer {
 };
 
 // The tables of each setting, as a provisioning run loads them from the
-// configuration at /odm/etc/odmconfig.xml.
-Tables load_tables(const Options& options, const std::vector<Setting>& settings) {
+// configuration at /odm/etc/odmconfig.xml; the same for every release that
+// ships the same configuration.
+const Tables& load_tables(const Options& options, const std::vector<Setting>& settings) {
   // Releases that ship the same configuration load the same tables.
   static std::map<std::string, Tables> loaded;
   const UniqueFile config = open_file(kConfigPath, "r");
@@ -343,7 +344,7 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
     report->tested.emplace_back(names[i], values[i]);
   }
 
-  const auto tables = load_tables(options, report->settings);
+  const Tables& tables = load_tables(options, report->settings);
   check_aliases(tables, report);
   Finals finals;
   check_names(tables, &finals, report);
@@ -357,12 +358,12 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
   }
   // The old releases' tables, and product texts of their own, which their
   // devices may well carry.
-  std::vector<Tables> old_tables;
+  std::vector<const Tables*> old_tables;
   for (size_t k = 0; k < options.update_from.size(); ++k) {
     use_release(k);
     prepare_odm(options, false);
-    old_tables.push_back(load_tables(options, report->settings));
-    if (!options.products) add_products(old_tables.back(), &products);
+    old_tables.push_back(&load_tables(options, report->settings));
+    if (!options.products) add_products(*old_tables.back(), &products);
     use_release(kNewRelease);
     prepare_odm(options, !options.installed.empty());
   }
@@ -389,9 +390,9 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
     const std::vector<std::string> old_stamps = stamps_of(products);
     Finals old_finals;
     for (size_t s = 0; s < report->settings.size(); ++s) {
-      const bool same_tables = old_tables[k][s] == tables[s];
-      const std::optional<Lookups> lookups =
-          same_tables ? std::nullopt : std::make_optional<Lookups>(old_tables[k][s]);
+      const Tables& old = *old_tables[k];
+      const bool same_tables = &old == &tables || old[s] == tables[s];
+      const std::optional<Lookups> lookups = same_tables ? std::nullopt : std::make_optional<Lookups>(old[s]);
       size_t p = 0;
       for (const std::string& product : products) {
         Answer& a = answers[p][s];
