@@ -81,24 +81,6 @@ std::string make_root() {
   return path;
 }
 
-std::string checker_for_others() {
-  static std::string path;
-  if (!path.empty()) return path;
-  fs::path dir = fs::path(TARNWICK_CHECK).parent_path();
-  bool open_to_others = true;
-  for (fs::path d = dir; open_to_others && d != d.parent_path(); d = d.parent_path()) {
-    struct stat st {};
-    open_to_others = stat(d.c_str(), &st) == 0 && (st.st_mode & S_IXOTH) != 0;
-  }
-  if (open_to_others) return path = TARNWICK_CHECK;
-  static const std::string copy = make_root();
-  for (const char* program : {TARNWICK_CHECK, TARNWICK_PROGRAM}) {
-    fs::copy_file(program, copy / fs::path(program).filename(), fs::copy_options::overwrite_existing);
-  }
-  atexit([] { remove_root(copy); });
-  return path = copy + "/" + fs::path(TARNWICK_CHECK).filename().string();
-}
-
 // Trees that tests made unreadable are opened up again before they go.
 void remove_root(const std::string& root) {
   std::error_code ec;
