@@ -154,6 +154,12 @@ TEST(Hostile, EndsInBoundsAndStaysInside) {
       GTEST_LOG_(INFO) << "not root: " << c.name << " cannot be made here";
       continue;
     }
+    // The emulator lies where the build put it, which an ordinary user may
+    // not reach: the native suite runs these.
+    if (c.as_user && !wrapper().empty()) {
+      GTEST_LOG_(INFO) << "under the emulator: " << c.name << " runs in the native suite";
+      continue;
+    }
     const std::string dir = make_root();
     put(dir + "/plant/secret", kSecret + "\n");
     fs::create_directories(dir + "/tmp");
