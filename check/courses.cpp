@@ -302,7 +302,10 @@ const std::string& preliminary(Devices* d, const std::string& config, size_t sta
 std::pair<std::string, std::string> final_tree(Devices* d, const std::string& model) {
   std::string& final_model = d->texts[key_of({"final", std::to_string(d->release), model})];
   if (final_model.empty()) final_model = confirm_model_source(model, kProvisioningRun);
-  std::string& tree = d->texts[key_of({"tree", std::to_string(d->release), final_model})];
+  // A tree an old release shares with the new one reads as the new one's.
+  const int owner = shared_with_new(d->release, fs::path(kModelTreePrefix).filename().string() + final_model)
+                        ? kNewRelease : d->release;
+  std::string& tree = d->texts[key_of({"tree", std::to_string(owner), final_model})];
   if (tree.empty()) {
     std::string print;
     fingerprint(kModelTreePrefix + final_model + "/odm/etc", kMaxDepth, &print);

@@ -47,6 +47,9 @@ const int kPollMs = 100;
 const size_t kMaxConfig = 256 << 20;
 
 int release_in_place = kNewRelease;
+// Per old release, the entries of its tree that are the new release's as
+// they are: they stand in the new release's copy, and go where their release is.
+std::vector<std::vector<std::string>> shared_entries;
 
 std::string root_path;
 std::vector<Finding> start_findings;
@@ -191,9 +194,11 @@ void make_device(const Options& options, const std::string& tree,
     write_file(host(replace ? kDefaultConfigPath : kCheckConfig), read_config(options.config, tree));
   }
   if (!options.installed.empty()) copy_input(options.installed, host(kCheckInstalled), options.installed, notes);
+  shared_entries.resize(old_trees.size());
   for (size_t k = 0; k < old_trees.size(); ++k) {
     copy_input(old_trees[k], host(kCheckReleases + std::to_string(k)), options.update_from[k], notes,
-               host(fs::path(kModelTreePrefix).parent_path()));
+               host(fs::path(kModelTreePrefix).parent_path()), &shared_entries[k]);
+    std::sort(shared_entries[k].begin(), shared_entries[k].end());
   }
 }
 
@@ -237,11 +242,28 @@ void use_release(int release) {
     return host(kCheckReleases + (r == kNewRelease ? std::string("new") : std::to_string(r)));
   };
   const std::string odm_dir = host(fs::path(kModelTreePrefix).parent_path());
+  // What an old release shares with the new one moves between their trees.
+  const auto move_shared = [&](int old, const std::string& from, const std::string& to) {
+    if (old == kNewRelease) return;
+    for (const std::string& name : shared_entries[old]) {
+      if (rename((from + "/" + name).c_str(), (to + "/" + name).c_str()) != 0) {
+        fail("cannot swap the releases in " + root_path + ": " + strerror(errno));
+      }
+    }
+  };
+  move_shared(release_in_place, odm_dir, parking(kNewRelease));
   if (rename(odm_dir.c_str(), parking(release_in_place).c_str()) != 0 ||
       rename(parking(release).c_str(), odm_dir.c_str()) != 0) {
     fail("cannot swap the releases in " + root_path + ": " + strerror(errno));
   }
+  move_shared(release, parking(kNewRelease), odm_dir);
   release_in_place = release;
+}
+
+bool shared_with_new(int release, const std::string& name) {
+  if (release == kNewRelease) return true;
+  const std::vector<std::string>& shared = shared_entries[release];
+  return std::binary_search(shared.begin(), shared.end(), name);
 }
 
 void restore_odm(const std::string& from) {

@@ -104,6 +104,48 @@ bool same_as(int in, const struct stat& st, int like, const std::string& name) {
   return theirs.fd >= 0 && same_bytes(in, theirs.fd, st.st_size);
 }
 
+// The names in directory |fd|, sorted; false when it cannot be listed whole.
+bool names_in(int fd, std::vector<std::string>* names) {
+  std::unique_ptr<DIR, int (*)(DIR*)> listing(fdopendir(dup(fd)), closedir);
+  errno = 0;
+  while (const dirent* entry = listing ? readdir(listing.get()) : nullptr) {
+    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names->push_back(entry->d_name);
+  }
+  std::sort(names->begin(), names->end());
+  return listing && errno == 0;
+}
+
+// Whether entry |name| of |from| is what entry |name| of |like| is, all the way
+// down: directories and regular files only, of the same modes and bytes, all
+// readable. A link, whose target another release may make something else,
+// never is. Its regular files and bytes are added to |files| and |bytes|.
+bool same_entry(int from, int like, const std::string& name, unsigned long long* files,
+                unsigned long long* bytes) {
+  struct stat st, other;
+  if (fstatat(from, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+      fstatat(like, name.c_str(), &other, AT_SYMLINK_NOFOLLOW) != 0 || st.st_mode != other.st_mode) {
+    return false;
+  }
+  if (S_ISREG(st.st_mode)) {
+    Fd in(openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    *files += 1;
+    *bytes += st.st_size;
+    return in.fd >= 0 && same_as(in.fd, st, like, name);
+  }
+  if (!S_ISDIR(st.st_mode)) return false;
+  Fd in(openat(from, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  Fd theirs(openat(like, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  std::vector<std::string> names, their_names;
+  if (in.fd < 0 || theirs.fd < 0 || !names_in(in.fd, &names) || !names_in(theirs.fd, &their_names) ||
+      names != their_names) {
+    return false;
+  }
+  for (const std::string& child : names) {
+    if (!same_entry(in.fd, theirs.fd, child, files, bytes)) return false;
+  }
+  return true;
+}
+
 void write_failed(const std::string& what, const std::string& where) {
   fail("cannot " + what + " " + where + ": " + strerror(errno) +
        (errno == ENOSPC || errno == EDQUOT ? " (set TMPDIR to a directory with room)" : ""));
@@ -183,7 +225,7 @@ void copy_entry(int from, int to, int like, const std::string& name, const std::
 }  // namespace
 
 void copy_input(const std::string& from, const std::string& to, const std::string& label,
-                CopyNotes* notes, const std::string& like) {
+                CopyNotes* notes, const std::string& like, std::vector<std::string>* shared) {
   // The top is copied under a name of its own, then given its place.
   const std::string parent = to.substr(0, to.rfind('/'));
   Fd in(open(from.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -204,7 +246,16 @@ void copy_input(const std::string& from, const std::string& to, const std::strin
   }
   if (!listing || errno != 0) fail("cannot read " + from + ": " + strerror(errno));
   Fd theirs(like.empty() ? -1 : open(like.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  for (const std::string& child : names) copy_entry(in.fd, top.fd, theirs.fd, child, label, child, to, notes);
+  for (const std::string& child : names) {
+    unsigned long long files = 0, bytes = 0;
+    if (shared != nullptr && theirs.fd >= 0 && same_entry(in.fd, theirs.fd, child, &files, &bytes)) {
+      shared->push_back(child);
+      input_files += files;
+      input_bytes += bytes;
+      continue;
+    }
+    copy_entry(in.fd, top.fd, theirs.fd, child, label, child, to, notes);
+  }
   if (fchmod(top.fd, (st.st_mode & 07777) | 0700) != 0) write_failed("set the mode of", to);
 }
 
