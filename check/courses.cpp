@@ -335,12 +335,12 @@ const std::string& source_stamp(Devices* d, const std::string& product) {
   return number = digest;
 }
 
-// The inputs of |product| and setting |s| that no configuration decides:
-// whether the hardware configuration is empty, which with /odm/fbe.ini of the
-// state a start begins from decides whether it skips its restart, and the
-// values of what a start writes.
-std::string pair_inputs(const Devices& d, size_t s, const std::string& product) {
-  const auto props = boot_properties(d.options, d.report.settings[s], product);
+// The inputs of setting |s| that no configuration decides: whether the
+// hardware configuration is empty, which with /odm/fbe.ini of the state a
+// start begins from decides whether it skips its restart, and the values of
+// what a start writes. The product text is none of them.
+std::string setting_inputs(const Devices& d, size_t s) {
+  const auto props = boot_properties(d.options, d.report.settings[s], "");
   const auto value = [&](const char* name) {
     const auto it = props.find(name);
     return it == props.end() || it->second.empty() ? std::string("-") : "=" + it->second;
@@ -374,7 +374,7 @@ const Step* step(Devices* d, size_t state, size_t s, const std::string& product,
   return &(d->steps[key] = done);
 }
 
-// A device of |product| under setting |s| (with |inputs|, its pair_inputs)
+// A device of |product| under setting |s| (with |inputs|, its setting_inputs)
 // that holds |state|, after its starts. Its course is the same for every
 // product text and setting that the release's default configuration answers
 // alike, and otherwise its own.
@@ -615,7 +615,7 @@ using Made = std::pair<Course, std::string>;
 // The course of the device |after|, which started from |before| (or from the
 // installed /odm when |before| is null), against the device |fresh|; each
 // made once.
-const Made& made_course(const Devices& d, size_t from_installed, const Settled* before,
+Made& made_course(const Devices& d, size_t from_installed, const Settled* before,
                         const Settled& after, const Settled& fresh,
                         std::map<std::tuple<const Settled*, const Settled*, const Settled*>, Made>* made) {
   const auto [it, added] = made->emplace(std::make_tuple(before, &after, &fresh), Made());
@@ -643,7 +643,10 @@ struct Pair {
   const Row* row;
   const std::string* product;
   size_t setting;
-  std::string inputs;  // its pair_inputs
+  const std::string* inputs;  // its setting_inputs
+  // The first pair of its row with its inputs: where the release in place
+  // ships a default configuration, every start of the two reads alike.
+  const Pair* first;
   std::vector<const Settled*> old, updated, rolled;
   const Settled *fresh, *later;
 };
@@ -655,27 +658,23 @@ bool run_devices(const Options& options, Devices* d, std::vector<Pair>* pairs, s
   const bool installed = !options.installed.empty();
   // The rows' answers are those of the configuration the resolution read:
   // the default, or what prepare_odm put in its place.
+  // Only the pairs that start need them: with a default, the first of each kind.
   const auto seed = [&](int release) {
     const std::string config = d->has_default ? "default of " + std::to_string(release) : own_config(d);
-    for (const Row& row : d->report.rows) {
-      for (const std::string& product : row.products) {
-        for (size_t s : row.settings) {
-          d->answers[key_of({config, std::to_string(s), product})] =
-              release == kNewRelease ? row.preliminary : row.old_preliminary[release];
-        }
-      }
+    for (const Pair& pair : *pairs) {
+      if (d->has_default && pair.first != &pair) continue;
+      d->answers[key_of({config, std::to_string(pair.setting), *pair.product})] =
+          release == kNewRelease ? pair.row->preliminary : pair.row->old_preliminary[release];
     }
   };
   // Where the release in place ships a default configuration, the pairs of
   // one row with the same inputs read alike in every start: the row's first
-  // such pair starts for all of them. (Without one, each device reads a
-  // configuration of its own, which may answer its products otherwise.)
-  std::map<std::tuple<const Row*, std::string, size_t>, const Settled*> done;
-  const auto take = [&](size_t state, const Pair& pair) {
-    if (!d->has_default) return settle(d, state, pair.setting, *pair.product, pair.inputs);
-    const Settled*& settled = done[{pair.row, pair.inputs + '\0' + std::to_string(d->release), state}];
-    if (settled == nullptr) settled = settle(d, state, pair.setting, *pair.product, pair.inputs);
-    return settled;
+  // such pair starts for all of them, from the state its own devices held.
+  // (Without one, each device reads a configuration of its own, which may
+  // answer its products otherwise.)
+  const auto take = [&](size_t state, const Pair& pair, const auto& of_first) -> const Settled* {
+    if (d->has_default && pair.first != &pair) return of_first(*pair.first);
+    return settle(d, state, pair.setting, *pair.product, *pair.inputs);
   };
   for (size_t k = 0; k < releases; ++k) {
     use_release_of(d, k);
@@ -683,7 +682,7 @@ bool run_devices(const Options& options, Devices* d, std::vector<Pair>* pairs, s
     seed(k);
     const size_t factory = note_state(d);
     for (Pair& pair : *pairs) {
-      pair.old.push_back(take(factory, pair));
+      pair.old.push_back(take(factory, pair, [k](const Pair& p) { return p.old[k]; }));
       if (pair.old.back() == nullptr) return false;
     }
   }
@@ -698,18 +697,18 @@ bool run_devices(const Options& options, Devices* d, std::vector<Pair>* pairs, s
     *from_installed = note_state(d);
   }
   for (Pair& pair : *pairs) {
-    if (!(pair.fresh = take(factory, pair))) return false;
+    if (!(pair.fresh = take(factory, pair, [](const Pair& p) { return p.fresh; }))) return false;
     for (size_t k = 0; k < releases; ++k) {
-      pair.updated.push_back(take(pair.old[k]->state, pair));
+      pair.updated.push_back(take(pair.old[k]->state, pair, [k](const Pair& p) { return p.updated[k]; }));
       if (pair.updated.back() == nullptr) return false;
     }
-    if (installed && !(pair.later = take(*from_installed, pair))) return false;
+    if (installed && !(pair.later = take(*from_installed, pair, [](const Pair& p) { return p.later; }))) return false;
   }
   // Back to each old release, as A/B devices go when the new slot fails.
   for (size_t k = 0; options.rollback && k < releases; ++k) {
     use_release_of(d, k);
     for (Pair& pair : *pairs) {
-      pair.rolled.push_back(take(pair.updated[k]->state, pair));
+      pair.rolled.push_back(take(pair.updated[k]->state, pair, [k](const Pair& p) { return p.rolled[k]; }));
       if (pair.rolled.back() == nullptr) return false;
     }
   }
@@ -724,20 +723,59 @@ bool examine_courses(const Options& options, Report* report) {
   const bool installed = !options.installed.empty();
   if (releases == 0 && !installed) return true;
   Devices d{options, *report};
+  std::vector<std::string> inputs;
+  for (size_t s = 0; s < report->settings.size(); ++s) inputs.push_back(setting_inputs(d, s));
   std::vector<Pair> pairs;
+  std::vector<size_t> firsts;
   for (const Row& row : report->rows) {
+    std::map<std::string, size_t> first;  // inputs -> the first pair with them
     for (const std::string& product : row.products) {
       for (size_t s : row.settings) {
-        pairs.push_back({&row, &product, s, pair_inputs(d, s, product), {}, {}, {}, nullptr, nullptr});
+        firsts.push_back(first.emplace(inputs[s], pairs.size()).first->second);
+        pairs.push_back({&row, &product, s, &inputs[s], nullptr, {}, {}, {}, nullptr, nullptr});
       }
     }
   }
+  for (size_t i = 0; i < pairs.size(); ++i) pairs[i].first = &pairs[firsts[i]];
   size_t from_installed = 0;
   if (!run_devices(options, &d, &pairs, &from_installed)) return false;
 
+  // The courses of a pair, made once for every pair whose devices settled alike.
+  struct Courses {
+    std::string key;
+    std::vector<const Made*> updated, rolled;
+    const Made* later = nullptr;
+  };
+  std::map<std::tuple<const Settled*, const Settled*, const Settled*>, Made> made;
+  std::map<std::vector<const Settled*>, Courses> courses_of;
+  const auto courses = [&](const Pair& pair) -> const Courses& {
+    std::vector<const Settled*> devices = {pair.fresh, pair.later};
+    for (const auto* list : {&pair.old, &pair.updated, &pair.rolled}) devices.insert(devices.end(), list->begin(), list->end());
+    const auto [it, added] = courses_of.emplace(devices, Courses());
+    Courses& out = it->second;
+    if (!added) return out;
+    for (size_t k = 0; k < releases; ++k) {
+      out.updated.push_back(&made_course(d, from_installed, pair.old[k], *pair.updated[k], *pair.fresh, &made));
+      out.key += out.updated.back()->second + '\n';
+      if (!options.rollback) continue;
+      // Against a device that never left the old release.
+      Made& back = made_course(d, from_installed, pair.updated[k], *pair.rolled[k], *pair.old[k], &made);
+      back.first.model_before = pair.updated[k]->model.empty() ? pair.old[k]->model : pair.updated[k]->model;
+      back.first.model_after = pair.rolled[k]->model.empty() ? back.first.model_before : pair.rolled[k]->model;
+      back.first.new_model = pair.old[k]->model;
+      back.second = course_key(back.first);
+      out.rolled.push_back(&back);
+      out.key += back.second + '\n';
+    }
+    if (installed) {
+      out.later = &made_course(d, from_installed, nullptr, *pair.later, *pair.fresh, &made);
+      out.key += out.later->second;
+    }
+    return out;
+  };
+
   // Each row parts into rows whose product texts and settings have the same
   // courses, merged as the resolution merges them.
-  std::map<std::tuple<const Settled*, const Settled*, const Settled*>, Made> made;
   std::vector<Row> rows;
   auto next = pairs.begin();
   for (const Row& row : report->rows) {
@@ -745,39 +783,18 @@ bool examine_courses(const Options& options, Report* report) {
     for (const std::string& product : row.products) {
       // The settings of |product| by courses, in their order.
       struct Group {
-        std::string key;
+        const Courses* courses;
         std::vector<size_t> settings;
-        std::vector<const Made*> updated, rolled;
-        const Made* later;
       };
       std::vector<Group> groups;
       for (size_t s : row.settings) {
-        const Pair& pair = *next++;
-        Group group{"", {}, {}, {}, nullptr};
-        for (size_t k = 0; k < releases; ++k) {
-          group.updated.push_back(&made_course(d, from_installed, pair.old[k], *pair.updated[k], *pair.fresh, &made));
-          group.key += group.updated.back()->second + '\n';
-          if (!options.rollback) continue;
-          // Against a device that never left the old release.
-          Made& back = const_cast<Made&>(
-              made_course(d, from_installed, pair.updated[k], *pair.rolled[k], *pair.old[k], &made));
-          back.first.model_before = pair.updated[k]->model.empty() ? pair.old[k]->model : pair.updated[k]->model;
-          back.first.model_after = pair.rolled[k]->model.empty() ? back.first.model_before : pair.rolled[k]->model;
-          back.first.new_model = pair.old[k]->model;
-          back.second = course_key(back.first);
-          group.rolled.push_back(&back);
-          group.key += back.second + '\n';
-        }
-        if (installed) {
-          group.later = &made_course(d, from_installed, nullptr, *pair.later, *pair.fresh, &made);
-          group.key += group.later->second;
-        }
-        auto it = std::find_if(groups.begin(), groups.end(), [&](const Group& g) { return g.key == group.key; });
-        if (it == groups.end()) it = groups.insert(groups.end(), group);
+        const Courses* c = &courses(*next++);
+        auto it = std::find_if(groups.begin(), groups.end(), [&](const Group& g) { return g.courses->key == c->key; });
+        if (it == groups.end()) it = groups.insert(groups.end(), {c, {}});
         it->settings.push_back(s);
       }
       for (const Group& group : groups) {
-        std::string id = group.key;
+        std::string id = group.courses->key;
         for (size_t s : group.settings) id += '\0' + std::to_string(s);
         auto it = std::find_if(parts.begin(), parts.end(), [&](const auto& p) { return p.first == id; });
         if (it == parts.end()) {
@@ -785,10 +802,11 @@ bool examine_courses(const Options& options, Report* report) {
           part.products.clear();
           part.settings = group.settings;
           if (group.settings != row.settings) part.when = settings_in_words(*report, group.settings);
-          for (const Made* m : group.updated) part.update.push_back(m->first);
-          for (const Made* m : group.rolled) part.rollback.push_back(m->first);
-          if (group.later) part.installed = group.later->first;
-          if (group.later) part.provisions = group.later->first.provisions;
+          const Courses& c = *group.courses;
+          for (const Made* m : c.updated) part.update.push_back(m->first);
+          for (const Made* m : c.rolled) part.rollback.push_back(m->first);
+          if (c.later) part.installed = c.later->first;
+          if (c.later) part.provisions = c.later->first.provisions;
           it = parts.insert(parts.end(), {id, part});
         }
         it->second.products.push_back(product);

@@ -25,6 +25,13 @@ unsigned long long input_bytes = 0, input_files = 0;
 
 const size_t kChunk = 1 << 20;
 
+// Two chunks, for reads and compares that never call one another: made once,
+// not for every small file.
+char* chunks() {
+  static const std::unique_ptr<char[]> buf(new char[2 * kChunk]);
+  return buf.get();
+}
+
 struct Fd {
   int fd;
   explicit Fd(int f) : fd(f) {}
@@ -53,7 +60,7 @@ std::string special_kind(const struct stat& st) {
 // False, with errno set, when a write fails; a read that fails or ends early
 // ends the copy (the rest stays a hole), as a file cut short would.
 bool copy_bytes(int in, int out, off_t size) {
-  std::unique_ptr<char[]> buf(new char[kChunk]);
+  char* const buf = chunks();
   for (off_t pos = 0; pos < size;) {
     off_t data = lseek(in, pos, SEEK_DATA);
     if (data < 0 && errno == ENXIO) break;  // only a hole is left
@@ -61,10 +68,10 @@ bool copy_bytes(int in, int out, off_t size) {
     off_t hole = lseek(in, data, SEEK_HOLE);
     if (hole < 0 || hole > size) hole = size;
     for (pos = data; pos < hole;) {
-      const ssize_t n = pread(in, buf.get(), std::min<off_t>(kChunk, hole - pos), pos);
+      const ssize_t n = pread(in, buf, std::min<off_t>(kChunk, hole - pos), pos);
       if (n <= 0) return ftruncate(out, size) == 0;
       for (ssize_t done = 0; done < n;) {
-        const ssize_t w = pwrite(out, buf.get() + done, n - done, pos + done);
+        const ssize_t w = pwrite(out, buf + done, n - done, pos + done);
         if (w <= 0) {
           if (w == 0) errno = ENOSPC;
           return false;
@@ -79,12 +86,12 @@ bool copy_bytes(int in, int out, off_t size) {
 
 // Whether |a| and |b|, both |size| bytes long, hold the same bytes.
 bool same_bytes(int a, int b, off_t size) {
-  std::unique_ptr<char[]> buf(new char[2 * kChunk]);
+  char* const buf = chunks();
   for (off_t pos = 0; pos < size;) {
     const size_t want = std::min<off_t>(kChunk, size - pos);
-    if (pread(a, buf.get(), want, pos) != static_cast<ssize_t>(want) ||
-        pread(b, buf.get() + kChunk, want, pos) != static_cast<ssize_t>(want) ||
-        memcmp(buf.get(), buf.get() + kChunk, want) != 0) {
+    if (pread(a, buf, want, pos) != static_cast<ssize_t>(want) ||
+        pread(b, buf + kChunk, want, pos) != static_cast<ssize_t>(want) ||
+        memcmp(buf, buf + kChunk, want) != 0) {
       return false;
     }
     pos += want;
@@ -282,28 +289,31 @@ std::string read_regular(const std::string& path, size_t limit) {
 }
 
 std::string release_digest(int fd, const std::vector<std::string>& releases) {
+  // Only the releases' files are known, and they live as long as the run:
+  // no other file has their numbers.
   static std::map<std::pair<dev_t, ino_t>, std::string> known;
+  struct stat st;
+  if (fstat(fd, &st) != 0) return digest_of(fd);
+  const auto it = known.find(std::make_pair(st.st_dev, st.st_ino));
+  if (it != known.end()) return it->second;
   // A link in a release may lead out of it, to a file a start writes.
   char path[PATH_MAX];
   const ssize_t n = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof(path) - 1);
-  struct stat st;
   const std::string at(path, n > 0 ? n : 0);
   const bool in_release = std::any_of(releases.begin(), releases.end(),
                                       [&](const std::string& dir) { return at.rfind(dir, 0) == 0; });
-  if (!in_release || fstat(fd, &st) != 0) return digest_of(fd);
-  auto [it, added] = known.emplace(std::make_pair(st.st_dev, st.st_ino), std::string());
-  if (added) it->second = digest_of(fd);
-  return it->second;
+  if (!in_release) return digest_of(fd);
+  return known[std::make_pair(st.st_dev, st.st_ino)] = digest_of(fd);
 }
 
 std::string digest_of(int fd) {
   std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
   EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr);
-  std::unique_ptr<char[]> buf(new char[kChunk]);
+  char* const buf = chunks();
   for (off_t pos = 0;;) {
-    const ssize_t n = pread(fd, buf.get(), kChunk, pos);
+    const ssize_t n = pread(fd, buf, kChunk, pos);
     if (n <= 0) break;
-    EVP_DigestUpdate(ctx.get(), buf.get(), n);
+    EVP_DigestUpdate(ctx.get(), buf, n);
     pos += n;
   }
   unsigned char md[EVP_MAX_MD_SIZE];

@@ -123,11 +123,11 @@ const Tables& load_tables(const Options& options, const std::vector<Setting>& se
   return tables;
 }
 
-// Every alias, model and target name of |tables|, and the name of every tree
-// of the release at /vendor/etc/odm.
-void add_products(const Tables& tables, std::set<std::string>* products) {
-  for (const auto& [models, targets] : tables) {
-    for (const AliasMap* table : {&models, &targets}) {
+// Every alias, model and target name of |tables| (unless null), and the name
+// of every tree of the release at /vendor/etc/odm.
+void add_products(const Tables* tables, std::set<std::string>* products) {
+  for (size_t s = 0; tables != nullptr && s < tables->size(); ++s) {
+    for (const AliasMap* table : {&(*tables)[s].first, &(*tables)[s].second}) {
       for (const auto& [key, alias] : *table) products->insert({key, alias});
     }
   }
@@ -354,7 +354,7 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
     products.insert(options.products->begin(), options.products->end());
   } else {
     products.insert("");
-    add_products(tables, &products);
+    add_products(&tables, &products);
   }
   // The old releases' tables, and product texts of their own, which their
   // devices may well carry.
@@ -363,7 +363,10 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
     use_release(k);
     prepare_odm(options, false);
     old_tables.push_back(&load_tables(options, report->settings));
-    if (!options.products) add_products(*old_tables.back(), &products);
+    // Tables loaded before gave their product texts already; the trees are the release's own.
+    const bool known = old_tables.back() == &tables ||
+                       std::find(old_tables.begin(), old_tables.end() - 1, old_tables.back()) != old_tables.end() - 1;
+    if (!options.products) add_products(known ? nullptr : old_tables.back(), &products);
     use_release(kNewRelease);
     prepare_odm(options, !options.installed.empty());
   }
