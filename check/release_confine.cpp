@@ -118,6 +118,20 @@ int judged_chmod(const Confinement& confinement, const std::string& path, mode_t
   return fchmodat(AT_FDCWD, self.c_str(), mode & 07777, 0) == 0 ? 0 : errno;
 }
 
+// The room one descriptor takes in a message.
+constexpr size_t kControlSize = CMSG_SPACE(sizeof(int));
+
+// A message of the one byte at |byte| (through |iov|), with |control| for a descriptor.
+msghdr one_byte_message(char* byte, iovec* iov, char* control) {
+  *iov = {byte, 1};
+  msghdr message = {};
+  message.msg_iov = iov;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = kControlSize;
+  return message;
+}
+
 }  // namespace
 
 bool confine_prepare(const std::string& dir, Confinement* confinement, std::string* why) {
@@ -174,14 +188,10 @@ bool confine_child(Confinement* confinement) {
       syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &fprog));
   if (listener < 0) return false;
   // The listener goes to the checker, which answers for the calls it judges.
-  char control[CMSG_SPACE(sizeof(int))] = {};
+  char control[kControlSize] = {};
   char byte = 0;
-  iovec iov = {&byte, 1};
-  msghdr message = {};
-  message.msg_iov = &iov;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof(control);
+  iovec iov;
+  msghdr message = one_byte_message(&byte, &iov, control);
   cmsghdr* header = CMSG_FIRSTHDR(&message);
   header->cmsg_level = SOL_SOCKET;
   header->cmsg_type = SCM_RIGHTS;
@@ -194,14 +204,10 @@ bool confine_child(Confinement* confinement) {
 
 bool confine_parent(Confinement* confinement) {
   confinement->child_end.reset();
-  char control[CMSG_SPACE(sizeof(int))] = {};
+  char control[kControlSize] = {};
   char byte;
-  iovec iov = {&byte, 1};
-  msghdr message = {};
-  message.msg_iov = &iov;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof(control);
+  iovec iov;
+  msghdr message = one_byte_message(&byte, &iov, control);
   if (recvmsg(confinement->parent_end.get(), &message, MSG_CMSG_CLOEXEC) != 1) return false;
   const cmsghdr* header = CMSG_FIRSTHDR(&message);
   if (header == nullptr || header->cmsg_type != SCM_RIGHTS) return false;

@@ -100,32 +100,6 @@ bool count_entry(TreeOut* out, std::string* why) {
   return false;
 }
 
-// Removes |name| in directory |dir| and everything under it by system calls
-// alone, so that a signal handler may do it; a directory without
-// permissions is given them first.
-void remove_at(int dir, const char* name) {
-  if (unlinkat(dir, name, 0) == 0) return;
-  fchmodat(dir, name, S_IRWXU, 0);
-  const int fd = openat(dir, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return;
-  char buf[4096];
-  for (bool removed = true; removed;) {
-    removed = false;
-    lseek(fd, 0, SEEK_SET);
-    for (ssize_t n; (n = syscall(SYS_getdents64, fd, buf, sizeof(buf))) > 0;) {
-      for (ssize_t at = 0; at < n;) {
-        const auto* entry = reinterpret_cast<const dirent64*>(buf + at);
-        at += entry->d_reclen;
-        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-        remove_at(fd, entry->d_name);
-        removed = true;
-      }
-    }
-  }
-  close(fd);
-  unlinkat(dir, name, AT_REMOVEDIR);
-}
-
 }  // namespace
 
 bool plain_relative(const std::string& name) {
@@ -418,3 +392,29 @@ bool out_finish(TreeOut* out, std::string* why) {
 }
 
 void remove_unpacked(const char* path) { remove_at(AT_FDCWD, path); }
+
+void remove_at(int dir, const char* name) {
+  if (unlinkat(dir, name, 0) == 0) return;
+  struct stat st;
+  if (fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode)) return;
+  if ((st.st_mode & 0700) != 0700) fchmodat(dir, name, 0700, 0);
+  const int fd = openat(dir, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return;
+  char buf[4096];
+  for (bool removed = true; removed;) {
+    removed = false;
+    lseek(fd, 0, SEEK_SET);
+    for (ssize_t n; (n = getdents64(fd, buf, sizeof(buf))) > 0;) {
+      for (ssize_t at = 0; at < n;) {
+        const auto* entry = reinterpret_cast<const dirent64*>(buf + at);
+        at += entry->d_reclen;
+        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+        remove_at(fd, entry->d_name);
+        removed = true;
+      }
+    }
+  }
+  close(fd);
+  unlinkat(dir, name, AT_REMOVEDIR);
+}
+

@@ -90,6 +90,9 @@ bool out_finish(TreeOut* out, std::string* why);
 // Removes |path| and everything under it, directories without permissions
 // too, by system calls alone: a signal handler may call it.
 void remove_unpacked(const char* path);
+// The same for |name| in directory |dir|, by system calls alone, so that a
+// signal handler may do it; a directory without permissions is given them first.
+void remove_at(int dir, const char* name);
 
 // The readers (release_zip.cpp, release_ext4.cpp, release_erofs.cpp,
 // release_sparse.cpp). Each reads the input open at |fd| into |scratch| and

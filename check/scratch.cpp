@@ -17,6 +17,7 @@
 
 #include "check/check.h"
 #include "check/host_io.h"
+#include "check/release_tree.h"
 
 namespace {
 
@@ -33,34 +34,6 @@ const unsigned long long kSpareBytes = 1 << 20, kSpareFiles = 256;
 
 char removal_path[PATH_MAX];
 int root_fd = -1;
-
-// Removes |name| in |dir| with everything under it, by system calls alone, so
-// that a signal handler may do it. A directory that denies its owner reading
-// or writing is opened up first.
-void remove_at(int dir, const char* name) {
-  if (unlinkat(dir, name, 0) == 0) return;
-  struct stat st;
-  if (fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode)) return;
-  if ((st.st_mode & 0700) != 0700) fchmodat(dir, name, 0700, 0);
-  const int fd = openat(dir, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return;
-  char buf[4096];
-  for (bool removed = true; removed;) {
-    removed = false;
-    lseek(fd, 0, SEEK_SET);
-    for (ssize_t n; (n = getdents64(fd, buf, sizeof(buf))) > 0;) {
-      for (ssize_t at = 0; at < n;) {
-        const auto* entry = reinterpret_cast<const dirent64*>(buf + at);
-        at += entry->d_reclen;
-        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-        remove_at(fd, entry->d_name);
-        removed = true;
-      }
-    }
-  }
-  close(fd);
-  unlinkat(dir, name, AT_REMOVEDIR);
-}
 
 void remove_root() {
   if (removal_path[0] != '\0') remove_at(AT_FDCWD, removal_path);
