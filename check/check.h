@@ -231,9 +231,6 @@ void prepare_odm(const Options& options, bool with_installed);
 // its --update-from), or kNewRelease, the one checked; the others wait at
 // kCheckReleases.
 void use_release(int release);
-// True when entry |name| of the tree of |release| is the new release's, as it
-// is, without a link in it (for kNewRelease, always).
-bool shared_with_new(int release, const std::string& name);
 // Replaces /odm with a copy of host directory |from|, modes and links kept.
 void restore_odm(const std::string& from);
 // Copies /odm to host directory |to|, modes and links kept.

@@ -302,10 +302,7 @@ const std::string& preliminary(Devices* d, const std::string& config, size_t sta
 std::pair<std::string, std::string> final_tree(Devices* d, const std::string& model) {
   std::string& final_model = d->texts[key_of({"final", std::to_string(d->release), model})];
   if (final_model.empty()) final_model = confirm_model_source(model, kProvisioningRun);
-  // A tree an old release shares with the new one reads as the new one's.
-  const int owner = shared_with_new(d->release, fs::path(kModelTreePrefix).filename().string() + final_model)
-                        ? kNewRelease : d->release;
-  std::string& tree = d->texts[key_of({"tree", std::to_string(owner), final_model})];
+  std::string& tree = d->texts[key_of({"tree", std::to_string(d->release), final_model})];
   if (tree.empty()) {
     std::string print;
     fingerprint(kModelTreePrefix + final_model + "/odm/etc", kMaxDepth, &print);
@@ -615,9 +612,9 @@ using Made = std::pair<Course, std::string>;
 // The course of the device |after|, which started from |before| (or from the
 // installed /odm when |before| is null), against the device |fresh|; each
 // made once.
-Made& made_course(const Devices& d, size_t from_installed, const Settled* before,
-                        const Settled& after, const Settled& fresh,
-                        std::map<std::tuple<const Settled*, const Settled*, const Settled*>, Made>* made) {
+Made& made_course(const Devices& d, size_t from_installed, const Settled* before, const Settled& after,
+                  const Settled& fresh,
+                  std::map<std::tuple<const Settled*, const Settled*, const Settled*>, Made>* made) {
   const auto [it, added] = made->emplace(std::make_tuple(before, &after, &fresh), Made());
   if (!added) return it->second;
   Course& c = it->second.first;

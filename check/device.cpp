@@ -198,7 +198,6 @@ void make_device(const Options& options, const std::string& tree,
   for (size_t k = 0; k < old_trees.size(); ++k) {
     copy_input(old_trees[k], host(kCheckReleases + std::to_string(k)), options.update_from[k], notes,
                host(fs::path(kModelTreePrefix).parent_path()), &shared_entries[k]);
-    std::sort(shared_entries[k].begin(), shared_entries[k].end());
   }
 }
 
@@ -258,12 +257,6 @@ void use_release(int release) {
   }
   move_shared(release, parking(kNewRelease), odm_dir);
   release_in_place = release;
-}
-
-bool shared_with_new(int release, const std::string& name) {
-  if (release == kNewRelease) return true;
-  const std::vector<std::string>& shared = shared_entries[release];
-  return std::binary_search(shared.begin(), shared.end(), name);
 }
 
 void restore_odm(const std::string& from) {

@@ -8,7 +8,6 @@
 #include <limits.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
@@ -417,4 +416,3 @@ void remove_at(int dir, const char* name) {
   close(fd);
   unlinkat(dir, name, AT_REMOVEDIR);
 }
-
