@@ -231,6 +231,10 @@ void prepare_odm(const Options& options, bool with_installed);
 // its --update-from), or kNewRelease, the one checked; the others wait at
 // kCheckReleases.
 void use_release(int release);
+// True when the entry at |path| (relative to /vendor/etc/odm; a name without
+// a link in it) is the new release's own in release |release|, all the way
+// down: then it holds no link either, and reads alike in both.
+bool same_as_new(int release, const std::string& path);
 // Replaces /odm with a copy of host directory |from|, modes and links kept.
 void restore_odm(const std::string& from);
 // Copies /odm to host directory |to|, modes and links kept.

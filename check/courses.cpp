@@ -302,7 +302,11 @@ const std::string& preliminary(Devices* d, const std::string& config, size_t sta
 std::pair<std::string, std::string> final_tree(Devices* d, const std::string& model) {
   std::string& final_model = d->texts[key_of({"final", std::to_string(d->release), model})];
   if (final_model.empty()) final_model = confirm_model_source(model, kProvisioningRun);
-  std::string& tree = d->texts[key_of({"tree", std::to_string(d->release), final_model})];
+  // A tree an old release has as the new one has it reads as the new one's.
+  const bool plain_name = final_model.find('/') == std::string::npos;
+  const bool as_new = plain_name && same_as_new(d->release, "odm_" + final_model);
+  std::string& tree =
+      d->texts[key_of({"tree", as_new ? "new" : std::to_string(d->release), final_model})];
   if (tree.empty()) {
     std::string print;
     fingerprint(kModelTreePrefix + final_model + "/odm/etc", kMaxDepth, &print);

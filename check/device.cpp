@@ -8,6 +8,7 @@
 #include <limits.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
@@ -47,9 +48,12 @@ const int kPollMs = 100;
 const size_t kMaxConfig = 256 << 20;
 
 int release_in_place = kNewRelease;
-// Per old release, the entries of its tree that are the new release's as
-// they are: they stand in the new release's copy, and go where their release is.
-std::vector<std::vector<std::string>> shared_entries;
+// Per old release, the paths in its tree where it is not what the new release
+// is, relative to the tree. What the old release has there waits under its
+// number in kCheckReleases + the release's number; it changes places with
+// what the new release has there (if anything) when the old one is put in
+// place, and back. All the rest is the new release's copy.
+std::vector<std::vector<std::string>> differing;
 
 std::string root_path;
 std::vector<Finding> start_findings;
@@ -147,6 +151,37 @@ std::string read_config(const std::string& path, const std::string& tree) {
   return bytes;
 }
 
+// Swaps what host paths |a| and |b| hold; either may hold nothing. A
+// directory that moves to another parent needs its owner's write permission
+// (its ".." changes), as does the directory |a| leaves or enters: each is
+// given it for the move and then has its own mode back.
+void swap_entries(const std::string& a, const std::string& b) {
+  const std::string parent = a.substr(0, a.rfind('/'));
+  struct stat at_a, at_b, up;
+  const bool has_a = lstat(a.c_str(), &at_a) == 0, has_b = lstat(b.c_str(), &at_b) == 0;
+  if (!has_a && !has_b) return;
+  const auto open_up = [](const std::string& path, const struct stat& st) {
+    if (S_ISDIR(st.st_mode) && (st.st_mode & 0300) != 0300) chmod(path.c_str(), (st.st_mode & 07777) | 0300);
+  };
+  const bool parent_known = lstat(parent.c_str(), &up) == 0;
+  if (parent_known) open_up(parent, up);
+  if (has_a) open_up(a, at_a);
+  if (has_b) open_up(b, at_b);
+  int moved = has_a && has_b ? renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE)
+              : has_a        ? rename(a.c_str(), b.c_str())
+                             : rename(b.c_str(), a.c_str());
+  if (moved != 0 && errno == EINVAL && has_a && has_b) {
+    // A file system without the exchange: three moves.
+    const std::string aside = b + ".aside";
+    moved = rename(b.c_str(), aside.c_str()) != 0 || rename(a.c_str(), b.c_str()) != 0 ||
+            rename(aside.c_str(), a.c_str()) != 0;
+  }
+  if (moved != 0) fail("cannot swap the releases in " + root_path + ": " + strerror(errno));
+  if (has_a && S_ISDIR(at_a.st_mode)) chmod(b.c_str(), at_a.st_mode & 07777);
+  if (has_b && S_ISDIR(at_b.st_mode)) chmod(a.c_str(), at_b.st_mode & 07777);
+  if (parent_known) chmod(parent.c_str(), up.st_mode & 07777);
+}
+
 }  // namespace
 
 std::string find_tree(const std::string& given) {
@@ -194,10 +229,10 @@ void make_device(const Options& options, const std::string& tree,
     write_file(host(replace ? kDefaultConfigPath : kCheckConfig), read_config(options.config, tree));
   }
   if (!options.installed.empty()) copy_input(options.installed, host(kCheckInstalled), options.installed, notes);
-  shared_entries.resize(old_trees.size());
+  differing.resize(old_trees.size());
   for (size_t k = 0; k < old_trees.size(); ++k) {
     copy_input(old_trees[k], host(kCheckReleases + std::to_string(k)), options.update_from[k], notes,
-               host(fs::path(kModelTreePrefix).parent_path()), &shared_entries[k]);
+               host(fs::path(kModelTreePrefix).parent_path()), &differing[k]);
   }
 }
 
@@ -237,26 +272,32 @@ std::vector<Finding> starts_that_did_not_end() {
 
 void use_release(int release) {
   if (release == release_in_place) return;
-  const auto parking = [](int r) {
-    return host(kCheckReleases + (r == kNewRelease ? std::string("new") : std::to_string(r)));
-  };
   const std::string odm_dir = host(fs::path(kModelTreePrefix).parent_path());
-  // What an old release shares with the new one moves between their trees.
-  const auto move_shared = [&](int old, const std::string& from, const std::string& to) {
+  // Putting an old release in place and taking it away are the same swaps.
+  const auto swap_release = [&](int old) {
     if (old == kNewRelease) return;
-    for (const std::string& name : shared_entries[old]) {
-      if (rename((from + "/" + name).c_str(), (to + "/" + name).c_str()) != 0) {
-        fail("cannot swap the releases in " + root_path + ": " + strerror(errno));
-      }
+    const std::string waiting = host(kCheckReleases + std::to_string(old));
+    for (size_t i = 0; i < differing[old].size(); ++i) {
+      swap_entries(odm_dir + "/" + differing[old][i], waiting + "/" + std::to_string(i));
+    }
+    // The trees' own modes go with them.
+    struct stat in_place, other;
+    if (stat(odm_dir.c_str(), &in_place) != 0 || stat(waiting.c_str(), &other) != 0 ||
+        chmod(odm_dir.c_str(), other.st_mode & 07777) != 0 || chmod(waiting.c_str(), in_place.st_mode & 07777) != 0) {
+      fail("cannot swap the releases in " + root_path + ": " + strerror(errno));
     }
   };
-  move_shared(release_in_place, odm_dir, parking(kNewRelease));
-  if (rename(odm_dir.c_str(), parking(release_in_place).c_str()) != 0 ||
-      rename(parking(release).c_str(), odm_dir.c_str()) != 0) {
-    fail("cannot swap the releases in " + root_path + ": " + strerror(errno));
-  }
-  move_shared(release, parking(kNewRelease), odm_dir);
+  swap_release(release_in_place);
+  swap_release(release);
   release_in_place = release;
+}
+
+bool same_as_new(int release, const std::string& path) {
+  if (release == kNewRelease) return true;
+  for (const std::string& apart : differing[release]) {
+    if (apart == path || apart.rfind(path + "/", 0) == 0 || path.rfind(apart + "/", 0) == 0) return false;
+  }
+  return true;
 }
 
 void restore_odm(const std::string& from) {

@@ -122,35 +122,32 @@ bool names_in(int fd, std::vector<std::string>* names) {
   return listing && errno == 0;
 }
 
-// Whether entry |name| of |from| is what entry |name| of |like| is, all the way
-// down: directories and regular files only, of the same modes and bytes, all
-// readable. A link, whose target another release may make something else,
-// never is. Its regular files and bytes are added to |files| and |bytes|.
-bool same_entry(int from, int like, const std::string& name, unsigned long long* files,
-                unsigned long long* bytes) {
-  struct stat st, other;
-  if (fstatat(from, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
-      fstatat(like, name.c_str(), &other, AT_SYMLINK_NOFOLLOW) != 0 || st.st_mode != other.st_mode) {
-    return false;
+// Whether entry |name| of |from| is a regular file with the mode and bytes of
+// entry |name| of |like|, all readable; its bytes are added to |files| and |bytes|.
+bool same_file(int from, int like, const std::string& name, unsigned long long* files,
+               unsigned long long* bytes) {
+  struct stat st;
+  if (fstatat(from, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) return false;
+  Fd in(openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  *files += 1;
+  *bytes += st.st_size;
+  return in.fd >= 0 && same_as(in.fd, st, like, name);
+}
+
+// Directory |name| of |dir| opened and listed when it is a directory of mode
+// |mode| that its owner may list and enter; else -1.
+int open_listed(int dir, const std::string& name, mode_t mode, std::vector<std::string>* names) {
+  struct stat st;
+  if (fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || st.st_mode != mode || !S_ISDIR(mode) ||
+      (mode & 0500) != 0500) {
+    return -1;
   }
-  if (S_ISREG(st.st_mode)) {
-    Fd in(openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    *files += 1;
-    *bytes += st.st_size;
-    return in.fd >= 0 && same_as(in.fd, st, like, name);
+  const int fd = openat(dir, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd >= 0 && !names_in(fd, names)) {
+    close(fd);
+    return -1;
   }
-  if (!S_ISDIR(st.st_mode)) return false;
-  Fd in(openat(from, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  Fd theirs(openat(like, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  std::vector<std::string> names, their_names;
-  if (in.fd < 0 || theirs.fd < 0 || !names_in(in.fd, &names) || !names_in(theirs.fd, &their_names) ||
-      names != their_names) {
-    return false;
-  }
-  for (const std::string& child : names) {
-    if (!same_entry(in.fd, theirs.fd, child, files, bytes)) return false;
-  }
-  return true;
+  return fd;
 }
 
 void write_failed(const std::string& what, const std::string& where) {
@@ -159,11 +156,13 @@ void write_failed(const std::string& what, const std::string& where) {
 }
 
 // Copies entry |name| of directory |from| (its path |shown| in notes, or none
-// when |notes| is null) into directory |to|, as host path |to_path| for errors.
-void copy_entry(int from, int to, int like, const std::string& name, const std::string& label,
-                const std::string& shown, const std::string& to_path, CopyNotes* notes) {
+// when |notes| is null) into directory |to| as |to_name|, as host path
+// |to_path| for errors.
+void copy_entry(int from, int to, int like, const std::string& name, const std::string& to_name,
+                const std::string& label, const std::string& shown, const std::string& to_path,
+                CopyNotes* notes) {
   struct stat st;
-  const std::string where = to_path + "/" + name;
+  const std::string where = to_path + "/" + to_name;
   if (fstatat(from, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
     if (notes != nullptr) notes->unreadable.push_back({label, shown, strerror(errno)});
     return;
@@ -177,11 +176,11 @@ void copy_entry(int from, int to, int like, const std::string& name, const std::
       return;
     }
     target.resize(n);
-    if (symlinkat(target.c_str(), to, name.c_str()) != 0) write_failed("make the link", where);
+    if (symlinkat(target.c_str(), to, to_name.c_str()) != 0) write_failed("make the link", where);
   } else if (S_ISDIR(st.st_mode)) {
-    if (mkdirat(to, name.c_str(), 0700) != 0) write_failed("make the directory", where);
+    if (mkdirat(to, to_name.c_str(), 0700) != 0) write_failed("make the directory", where);
     Fd in(openat(from, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    Fd out(openat(to, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    Fd out(openat(to, to_name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (out.fd < 0) write_failed("open the directory", where);
     Fd theirs(like < 0 ? -1 : openat(like, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (in.fd < 0) {
@@ -195,7 +194,7 @@ void copy_entry(int from, int to, int like, const std::string& name, const std::
       }
       if ((!listing || errno != 0) && notes != nullptr) notes->unreadable.push_back({label, shown, strerror(errno)});
       for (const std::string& child : names) {
-        copy_entry(in.fd, out.fd, theirs.fd, child, label, joined(shown, child), where, notes);
+        copy_entry(in.fd, out.fd, theirs.fd, child, child, label, joined(shown, child), where, notes);
       }
     }
     if (fchmod(out.fd, mode) != 0) write_failed("set the mode of", where);
@@ -206,9 +205,9 @@ void copy_entry(int from, int to, int like, const std::string& name, const std::
     }
     Fd in(openat(from, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (in.fd >= 0 && same_as(in.fd, st, like, name)) {
-      if (linkat(like, name.c_str(), to, name.c_str(), 0) == 0) return;
+      if (linkat(like, name.c_str(), to, to_name.c_str(), 0) == 0) return;
     }
-    Fd out(openat(to, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    Fd out(openat(to, to_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (out.fd < 0) write_failed("make the file", where);
     if (in.fd < 0) {
       // Left empty, with the mode that made it unreadable.
@@ -219,8 +218,8 @@ void copy_entry(int from, int to, int like, const std::string& name, const std::
     if (fchmod(out.fd, mode) != 0) write_failed("set the mode of", where);
   } else if (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode)) {
     if (notes != nullptr) notes->special.push_back({label, shown, special_kind(st)});
-    if (mknodat(to, name.c_str(), (st.st_mode & S_IFMT) | 0600, 0) != 0 ||
-        fchmodat(to, name.c_str(), mode, 0) != 0) {
+    if (mknodat(to, to_name.c_str(), (st.st_mode & S_IFMT) | 0600, 0) != 0 ||
+        fchmodat(to, to_name.c_str(), mode, 0) != 0) {
       write_failed("make the " + special_kind(st), where);
     }
   } else if (notes != nullptr) {
@@ -229,10 +228,48 @@ void copy_entry(int from, int to, int like, const std::string& name, const std::
   }
 }
 
+// Where directory |from| (holding |names|) parts from directory |like|
+// (holding |their_names|), whose path is |prefix|: each entry that is not
+// what |like|'s is, all the way down, is added to |differing| (relative to
+// the top) and copied into |slots| under its number there; an entry only
+// |like| has is added alone. Directories of the same mode in both are
+// looked into, not copied.
+void copy_differences(int from, int like, const std::vector<std::string>& names,
+                      const std::vector<std::string>& their_names, int slots, const std::string& prefix,
+                      const std::string& label, const std::string& slots_path, CopyNotes* notes,
+                      std::vector<std::string>* differing) {
+  std::vector<std::string> only_theirs;
+  std::set_difference(their_names.begin(), their_names.end(), names.begin(), names.end(),
+                      std::back_inserter(only_theirs));
+  for (const std::string& name : only_theirs) differing->push_back(joined(prefix, name));
+  for (const std::string& name : names) {
+    const std::string path = joined(prefix, name);
+    struct stat st;
+    std::vector<std::string> inner, their_inner;
+    if (fstatat(from, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode)) {
+      Fd in(open_listed(from, name, st.st_mode, &inner));
+      Fd theirs(in.fd < 0 ? -1 : open_listed(like, name, st.st_mode, &their_inner));
+      if (theirs.fd >= 0) {
+        copy_differences(in.fd, theirs.fd, inner, their_inner, slots, path, label, slots_path, notes, differing);
+        continue;
+      }
+    }
+    unsigned long long files = 0, bytes = 0;
+    if (same_file(from, like, name, &files, &bytes)) {
+      input_files += files;
+      input_bytes += bytes;
+      continue;
+    }
+    const std::string slot = std::to_string(differing->size());
+    differing->push_back(path);
+    copy_entry(from, slots, like, name, slot, label, path, slots_path, notes);
+  }
+}
+
 }  // namespace
 
 void copy_input(const std::string& from, const std::string& to, const std::string& label,
-                CopyNotes* notes, const std::string& like, std::vector<std::string>* shared) {
+                CopyNotes* notes, const std::string& like, std::vector<std::string>* differing) {
   // The top is copied under a name of its own, then given its place.
   const std::string parent = to.substr(0, to.rfind('/'));
   Fd in(open(from.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -245,23 +282,17 @@ void copy_input(const std::string& from, const std::string& to, const std::strin
   if (mkdirat(out.fd, name.c_str(), 0700) != 0) write_failed("make the directory", to);
   Fd top(openat(out.fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (top.fd < 0) write_failed("open the directory", to);
-  std::unique_ptr<DIR, int (*)(DIR*)> listing(fdopendir(dup(in.fd)), closedir);
   std::vector<std::string> names;
-  errno = 0;
-  while (const dirent* entry = listing ? readdir(listing.get()) : nullptr) {
-    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) names.push_back(entry->d_name);
-  }
-  if (!listing || errno != 0) fail("cannot read " + from + ": " + strerror(errno));
+  if (!names_in(in.fd, &names)) fail("cannot read " + from + ": " + strerror(errno));
   Fd theirs(like.empty() ? -1 : open(like.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  for (const std::string& child : names) {
-    unsigned long long files = 0, bytes = 0;
-    if (shared != nullptr && theirs.fd >= 0 && same_entry(in.fd, theirs.fd, child, &files, &bytes)) {
-      shared->push_back(child);
-      input_files += files;
-      input_bytes += bytes;
-      continue;
+  std::vector<std::string> their_names;
+  if (differing != nullptr) {
+    if (theirs.fd < 0 || !names_in(theirs.fd, &their_names)) write_failed("read", like);
+    copy_differences(in.fd, theirs.fd, names, their_names, top.fd, "", label, to, notes, differing);
+  } else {
+    for (const std::string& child : names) {
+      copy_entry(in.fd, top.fd, theirs.fd, child, child, label, child, to, notes);
     }
-    copy_entry(in.fd, top.fd, theirs.fd, child, label, child, to, notes);
   }
   if (fchmod(top.fd, (st.st_mode & 07777) | 0700) != 0) write_failed("set the mode of", to);
 }

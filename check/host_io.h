@@ -37,12 +37,14 @@ std::string make_scratch_root();
 // |from| in |notes| ("" for the tree checked). A write that fails ends the checker.
 // A regular file whose mode and bytes are those of the file at the same path
 // under |like| (a copy made before, which nothing writes to) becomes another
-// link to that file: releases share most of their files. With |shared|, an
-// entry of the top that is what the same entry of |like| is, all the way down
-// (directories and regular files only), is not copied but named there.
+// link to that file: releases share most of their files. With |differing|,
+// |to| holds only where |from| is not what |like| is: each such path (relative
+// to the top; a directory of the same mode in both is looked into) is added
+// to |differing|, and |from|'s entry there, if it has one, is copied to |to|
+// under the path's number in |differing|.
 void copy_input(const std::string& from, const std::string& to, const std::string& label,
                 CopyNotes* notes, const std::string& like = "",
-                std::vector<std::string>* shared = nullptr);
+                std::vector<std::string>* differing = nullptr);
 
 // The bytes and the number of the regular files copied by copy_input so far.
 std::pair<unsigned long long, unsigned long long> input_size();
