@@ -521,6 +521,21 @@ TEST(Courses, SamplesAsStartedByHand) {
   put(dir + "/old/odm_KT1/odm/etc/manifest_kite.xml", "<manifest/>\n");
   compare(nullptr, {TARNWICK_CHECK, "--json", "--update-from", dir + "/old", dir + "/new"},
           roots(dir, dir + "/old", dir + "/new", ""));
+
+  // The new release's tree of one model holds what the old release's tree of
+  // another held: their devices still get each their own.
+  const std::string both = "<c><model name='A'><alias>a</alias></model><model name='C'><alias>c</alias></model><setup_odm/></c>";
+  for (const std::string release : {"/old2", "/new2"}) {
+    put(dir + release + "/odm_default/odm/odmver.txt", release);
+    put(dir + release + "/odm_default/odm/etc/odmconfig.xml", both);
+    put(dir + release + "/odm_A" + manifest, "<manifest/>\n");
+  }
+  put(dir + "/old2/odm_A/odm/etc/x.conf", "one\n");
+  put(dir + "/new2/odm_A/odm/etc/x.conf", "two\n");
+  put(dir + "/new2/odm_C" + manifest, "<manifest/>\n");
+  put(dir + "/new2/odm_C/odm/etc/x.conf", "one\n");
+  compare(nullptr, {TARNWICK_CHECK, "--json", "--rollback", "--update-from", dir + "/old2", dir + "/new2"},
+          roots(dir, dir + "/old2", dir + "/new2", "", true));
   remove_root(dir);
 }
 

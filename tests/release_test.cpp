@@ -425,6 +425,28 @@ TEST(Release, EveryKindGivesTheDirectorysReport) {
   remove_unpacked(dir.c_str());
 }
 
+// Releases whose directories nobody may write, as some images hold them: an
+// ordinary user gets what root gets, however the releases part.
+TEST(Release, ReadOnlyReleasesAsAnOrdinaryUser) {
+  if (!root() || emulated()) GTEST_SKIP() << "needs root, to run as another user";
+  const std::string dir = make_root();
+  chmod(dir.c_str(), 0755);
+  sh("cp -a " + q(kSamples + "/update/old") + " " + q(dir + "/old") + " && cp -a " +
+     q(kSamples + "/update/new") + " " + q(dir + "/new") +
+     // A directory of the old release's own, and one whose mode differs.
+     " && mkdir -p " + q(dir + "/old/odm_KT1/odm/etc/extra") + " && echo x >" +
+     q(dir + "/old/odm_KT1/odm/etc/extra/x.conf") + " && chmod -R a-w " + q(dir + "/old") + " " +
+     q(dir + "/new") + " && chmod 0755 " + q(dir + "/old/odm_VX41/odm"));
+  const std::vector<std::string> args = {"--rollback", "--update-from", dir + "/old", dir + "/new"};
+  int status, user_status;
+  const json expected = report(args, &status);
+  ASSERT_TRUE(expected.is_object());
+  EXPECT_EQ(report(args, &user_status, kUser).dump(1), expected.dump(1));
+  EXPECT_EQ(user_status, status);
+  sh("chmod -R u+w " + q(dir));
+  remove_unpacked(dir.c_str());
+}
+
 // Each release in the field, given together with others, gets the answer it
 // gets alone: the same course for every product text and setting, and the
 // same findings, one for all the releases that share it.
