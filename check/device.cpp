@@ -372,11 +372,24 @@ std::map<std::string, std::string> boot_properties(const Options& options, const
 }
 
 void write_properties(const Options& options, const Setting& setting, const std::string& product) {
-  remove_tree(host(tarnwick_host::kPropertyDir));
-  if (mkdir(host(tarnwick_host::kPropertyDir).c_str(), 0755) != 0) {
-    fail("cannot make " + host(tarnwick_host::kPropertyDir) + ": " + strerror(errno));
+  const std::string dir = host(tarnwick_host::kPropertyDir);
+  std::map<std::string, std::string> wanted;
+  for (const auto& [name, value] : boot_properties(options, setting, product)) {
+    if (!value.empty() && tarnwick_host::is_legal_property_name(name.c_str())) wanted[name] = value;
   }
-  for (const auto& [name, value] : boot_properties(options, setting, product)) put_property(name, value);
+  // What the store holds already as it is to be stays: most starts begin
+  // with the properties of the one before, and on a disk every file made
+  // or removed costs.
+  if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) fail("cannot make " + dir + ": " + strerror(errno));
+  for (const auto& [name, type] : list_dir(tarnwick_host::kPropertyDir)) {
+    const auto it = wanted.find(name);
+    if (it != wanted.end() && type == fs::file_type::regular && read_regular(dir + "/" + name) == it->second) {
+      wanted.erase(it);
+    } else {
+      remove_tree(dir + "/" + name);
+    }
+  }
+  for (const auto& [name, value] : wanted) put_property(name, value);
 }
 
 bool start_program(const Options& options, const Setting& setting, const std::string& product) {

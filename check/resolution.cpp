@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <tuple>
+#include <unordered_map>
 
 #include "check/check.h"
 #include "check/host_io.h"
@@ -93,14 +94,27 @@ using Tables = std::vector<std::pair<AliasMap, AliasMap>>;  // per setting
 // release (with --update-from).
 struct Answer {
   std::string preliminary, final_model, stamp, why;
-  std::vector<std::string> old_preliminary, old_final, old_stamp;
+  // Per old release: its preliminary model, final model and source stamp,
+  // each by its number among the Texts.
+  std::vector<uint32_t> old;
   std::string key() const {
-    std::string key = preliminary + '\0' + final_model + '\0' + stamp + '\0' + why;
-    for (size_t k = 0; k < old_final.size(); ++k) {
-      key += '\0' + old_preliminary[k] + '\0' + old_final[k] + '\0' + old_stamp[k];
-    }
+    std::string key = preliminary + '\0' + final_model + '\0' + stamp + '\0' + why + '\0';
+    key.append(reinterpret_cast<const char*>(old.data()), old.size() * sizeof(old[0]));
     return key;
   }
+};
+
+// Texts by number: the old releases' answers for every product text and
+// setting are mostly the same few.
+struct Texts {
+  std::unordered_map<std::string, uint32_t> ids;
+  std::vector<const std::string*> by_id;
+  uint32_t id(const std::string& text) {
+    const auto [it, added] = ids.emplace(text, static_cast<uint32_t>(by_id.size()));
+    if (added) by_id.push_back(&it->first);
+    return it->second;
+  }
+  const std::string& operator[](uint32_t id) const { return *by_id[id]; }
 };
 
 // The tables of each setting, as a provisioning run loads them from the
@@ -388,21 +402,32 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
   // The old releases' answers. The preliminary model depends on the tables
   // and the product text alone, so where two releases load the same tables
   // the old one's is the new one's, and only the trees are asked again.
+  Texts texts;
+  std::vector<std::vector<uint32_t>> new_preliminary(products.size());
+  if (!old_tables.empty()) {
+    for (size_t p = 0; p < products.size(); ++p) {
+      for (const Answer& a : answers[p]) new_preliminary[p].push_back(texts.id(a.preliminary));
+    }
+  }
   for (size_t k = 0; k < old_tables.size(); ++k) {
     use_release(k);
-    const std::vector<std::string> old_stamps = stamps_of(products);
+    std::vector<uint32_t> old_stamps;
+    for (const std::string& stamp : stamps_of(products)) old_stamps.push_back(texts.id(stamp));
     Finals old_finals;
+    std::vector<uint32_t> final_of_id;  // by preliminary's number
     for (size_t s = 0; s < report->settings.size(); ++s) {
       const Tables& old = *old_tables[k];
       const bool same_tables = &old == &tables || old[s] == tables[s];
       const std::optional<Lookups> lookups = same_tables ? std::nullopt : std::make_optional<Lookups>(old[s]);
       size_t p = 0;
       for (const std::string& product : products) {
-        Answer& a = answers[p][s];
-        a.old_preliminary.push_back(same_tables ? a.preliminary
-                                                : answer(product, *lookups, &old_finals).preliminary);
-        a.old_final.push_back(final_of(a.old_preliminary.back(), &old_finals));
-        a.old_stamp.push_back(old_stamps[p++]);
+        const uint32_t preliminary =
+            same_tables ? new_preliminary[p][s] : texts.id(answer(product, *lookups, &old_finals).preliminary);
+        if (final_of_id.size() <= preliminary) final_of_id.resize(texts.by_id.size(), UINT32_MAX);
+        uint32_t& final_model = final_of_id[preliminary];
+        if (final_model == UINT32_MAX) final_model = texts.id(final_of(texts[preliminary], &old_finals));
+        answers[p][s].old.insert(answers[p][s].old.end(), {preliminary, final_model, old_stamps[p]});
+        ++p;
       }
     }
     use_release(kNewRelease);
@@ -425,9 +450,11 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
       auto [it, added] = row_of.emplace(when + '\0' + key, report->rows.size());
       if (added) {
         Row row;
-        row.old_preliminary = a.old_preliminary;
-        row.old_final = a.old_final;
-        row.old_stamp = a.old_stamp;
+        for (size_t k = 0; k < a.old.size(); k += 3) {
+          row.old_preliminary.push_back(texts[a.old[k]]);
+          row.old_final.push_back(texts[a.old[k + 1]]);
+          row.old_stamp.push_back(texts[a.old[k + 2]]);
+        }
         row.settings = settings;
         row.when = when;
         row.preliminary = a.preliminary;
