@@ -169,9 +169,14 @@ std::string stale_hits(const std::string& preliminary, const OdmState& state) {
     const auto it = state.find(dir);
     if (it != state.end() && it->second.rfind(link, 0) == 0) return "model " + preliminary;
   }
+  // Their names as a state gives them, relative to /odm, for each model.
+  static std::map<std::string, std::vector<std::string>> names_of;
+  auto [names, added] = names_of.emplace(preliminary, std::vector<std::string>());
+  for (const std::string& path : added ? stale_manifest_paths(preliminary) : std::vector<std::string>()) {
+    names->second.push_back(fs::path(path).relative_path().lexically_relative("odm"));
+  }
   std::string hits;
-  for (const std::string& path : stale_manifest_paths(preliminary)) {
-    const std::string name = fs::path(path).relative_path().lexically_relative("odm");
+  for (const std::string& name : names->second) {
     if (state.count(name) != 0) hits += name + '\0';
   }
   return hits;
@@ -213,6 +218,8 @@ struct Devices {
   std::map<std::string, std::pair<AliasMap, AliasMap>> tables{};  // configuration, setting
   std::map<std::string, std::string> texts{};  // other answers, each by a key of its own
   std::map<int, std::set<std::string>> entries{};  // of each release's /vendor/etc/odm
+  // Each release's final model and tree for a preliminary model, as final_tree gives them.
+  std::map<std::pair<int, std::string>, std::pair<std::string, std::string>> final_trees{};
 };
 
 std::string key_of(std::initializer_list<std::string> parts) {
@@ -300,6 +307,8 @@ const std::string& preliminary(Devices* d, const std::string& config, size_t sta
 // The final model for |model| in the release in place, and the number of what
 // its tree reads as.
 std::pair<std::string, std::string> final_tree(Devices* d, const std::string& model) {
+  auto [known, added] = d->final_trees.emplace(std::make_pair(d->release, model), std::pair<std::string, std::string>());
+  if (!added) return known->second;
   std::string& final_model = d->texts[key_of({"final", std::to_string(d->release), model})];
   if (final_model.empty()) final_model = confirm_model_source(model, kProvisioningRun);
   // A tree an old release has as the new one has it reads as the new one's.
@@ -312,7 +321,7 @@ std::pair<std::string, std::string> final_tree(Devices* d, const std::string& mo
     fingerprint(kModelTreePrefix + final_model + "/odm/etc", kMaxDepth, &print);
     tree = std::to_string(intern(&d->numbers, print));
   }
-  return {final_model, tree};
+  return known->second = {final_model, tree};
 }
 
 // The source stamp a start of |product| reads, by the digest of its bytes.
