@@ -160,11 +160,12 @@ void swap_entries(const std::string& a, const std::string& b) {
   struct stat at_a, at_b, up;
   const bool has_a = lstat(a.c_str(), &at_a) == 0, has_b = lstat(b.c_str(), &at_b) == 0;
   if (!has_a && !has_b) return;
-  const auto open_up = [](const std::string& path, const struct stat& st) {
-    if (S_ISDIR(st.st_mode) && (st.st_mode & 0300) != 0300) chmod(path.c_str(), (st.st_mode & 07777) | 0300);
+  const auto closed = [](const struct stat& st) { return S_ISDIR(st.st_mode) && (st.st_mode & 0300) != 0300; };
+  const auto open_up = [&](const std::string& path, const struct stat& st) {
+    if (closed(st)) chmod(path.c_str(), (st.st_mode & 07777) | 0300);
   };
-  const bool parent_known = lstat(parent.c_str(), &up) == 0;
-  if (parent_known) open_up(parent, up);
+  const bool parent_closed = lstat(parent.c_str(), &up) == 0 && closed(up);
+  if (parent_closed) open_up(parent, up);
   if (has_a) open_up(a, at_a);
   if (has_b) open_up(b, at_b);
   int moved = has_a && has_b ? renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE)
@@ -177,9 +178,9 @@ void swap_entries(const std::string& a, const std::string& b) {
             rename(aside.c_str(), a.c_str()) != 0;
   }
   if (moved != 0) fail("cannot swap the releases in " + root_path + ": " + strerror(errno));
-  if (has_a && S_ISDIR(at_a.st_mode)) chmod(b.c_str(), at_a.st_mode & 07777);
-  if (has_b && S_ISDIR(at_b.st_mode)) chmod(a.c_str(), at_b.st_mode & 07777);
-  if (parent_known) chmod(parent.c_str(), up.st_mode & 07777);
+  if (has_a && closed(at_a)) chmod(b.c_str(), at_a.st_mode & 07777);
+  if (has_b && closed(at_b)) chmod(a.c_str(), at_b.st_mode & 07777);
+  if (parent_closed) chmod(parent.c_str(), up.st_mode & 07777);
 }
 
 }  // namespace
@@ -283,7 +284,8 @@ void use_release(int release) {
     // The trees' own modes go with them.
     struct stat in_place, other;
     if (stat(odm_dir.c_str(), &in_place) != 0 || stat(waiting.c_str(), &other) != 0 ||
-        chmod(odm_dir.c_str(), other.st_mode & 07777) != 0 || chmod(waiting.c_str(), in_place.st_mode & 07777) != 0) {
+        (in_place.st_mode != other.st_mode && (chmod(odm_dir.c_str(), other.st_mode & 07777) != 0 ||
+                                                chmod(waiting.c_str(), in_place.st_mode & 07777) != 0))) {
       fail("cannot swap the releases in " + root_path + ": " + strerror(errno));
     }
   };
