@@ -81,7 +81,13 @@ void fingerprint(const std::string& dir, int depth, std::string* out) {
     char target[PATH_MAX] = {};
     if (S_ISLNK(st.st_mode)) readlinkat(dirfd(listing.get()), name.c_str(), target, sizeof(target) - 1);
     *out += name + '\0' + std::to_string(st.st_mode) + '\0' + target + '\0';
-    if (is_directory(path)) {
+    // A directory or a regular file is what a start finds at its path; the
+    // rest is looked up as a start looks it up.
+    if (S_ISREG(st.st_mode)) {
+      const int fd = openat(dirfd(listing.get()), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+      if (fd >= 0) *out += release_digest(fd, releases_dir());
+      if (fd >= 0) close(fd);
+    } else if (S_ISDIR(st.st_mode) || is_directory(path)) {
       if (depth > 0) fingerprint(path, depth - 1, out);
     } else if (UniqueFile file = open_file(path, "r")) {
       *out += release_digest(fileno(file.get()), releases_dir());
