@@ -85,8 +85,10 @@ void fingerprint(const std::string& dir, int depth, std::string* out) {
     // rest is looked up as a start looks it up.
     if (S_ISREG(st.st_mode)) {
       const int fd = openat(dirfd(listing.get()), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-      if (fd >= 0) *out += release_digest(fd, releases_dir());
-      if (fd >= 0) close(fd);
+      if (fd >= 0) {
+        *out += release_digest(fd, releases_dir());
+        close(fd);
+      }
     } else if (S_ISDIR(st.st_mode) || is_directory(path)) {
       if (depth > 0) fingerprint(path, depth - 1, out);
     } else if (UniqueFile file = open_file(path, "r")) {
@@ -315,8 +317,7 @@ const std::string& preliminary(Devices* d, const std::string& config, size_t sta
 std::pair<std::string, std::string> final_tree(Devices* d, const std::string& model) {
   auto [known, added] = d->final_trees.emplace(std::make_pair(d->release, model), std::pair<std::string, std::string>());
   if (!added) return known->second;
-  std::string& final_model = d->texts[key_of({"final", std::to_string(d->release), model})];
-  if (final_model.empty()) final_model = confirm_model_source(model, kProvisioningRun);
+  const std::string final_model = confirm_model_source(model, kProvisioningRun);
   // A tree an old release has as the new one has it reads as the new one's.
   const bool plain_name = final_model.find('/') == std::string::npos;
   const bool as_new = plain_name && same_as_new(d->release, "odm_" + final_model);
