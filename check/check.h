@@ -256,6 +256,8 @@ bool start_program(const Options& options, const Setting& setting, const std::st
 bool stamps_were_equal();
 // True when the last start left a restart request.
 bool restart_requested();
+// True when the last start ended by itself (neither stopped nor killed by a signal).
+bool start_ended();
 
 // Each step fills its part of the report, in this order, with the program's
 // log silenced.

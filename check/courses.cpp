@@ -4,7 +4,10 @@
 // start; what is compared is what it leaves in /odm and what it publishes.
 #include <dirent.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,8 +37,9 @@ const int kMaxStarts = 4;
 // The property the restart decision reads, and those a start writes: a value
 // a setting gives one of them changes what the start does.
 const char kHwconfigProperty[] = "ro.vendor.hwconfig.completed";
-const char* const kWrittenProperties[] = {"ro.vendor.odm_restart", "ro.vendor.odm.version",
-                                          "sys.powerctl"};
+// What a start that finds the two stamps equal publishes the version line in.
+const char kVersionProperty[] = "ro.vendor.odm.version";
+const char* const kWrittenProperties[] = {"ro.vendor.odm_restart", kVersionProperty, "sys.powerctl"};
 // How deep links to directories are followed in a tree.
 const int kMaxDepth = 8;
 
@@ -103,11 +107,10 @@ size_t intern(std::map<std::string, size_t>* numbers, const std::string& text) {
   return numbers->emplace(text, numbers->size()).first->second;
 }
 
-// The host tree |dir|, entry by entry; |identity| gets it whole, with the
-// modes of its directories, which decide what an unprivileged start may write.
-OdmState read_state(const std::string& dir, std::string* identity) {
+// The host tree |dir|, entry by entry, and the modes of its directories,
+// which decide what an unprivileged start may write.
+OdmState read_state(const std::string& dir, std::map<std::string, int>* dir_modes) {
   OdmState state;
-  std::map<std::string, int> dir_modes;
   std::error_code ec;
   for (auto it = fs::recursive_directory_iterator(dir, ec); it != fs::recursive_directory_iterator();
        it.increment(ec)) {
@@ -124,29 +127,40 @@ OdmState read_state(const std::string& dir, std::string* identity) {
       if (fd >= 0) close(fd);
     }
     const std::string name = path.lexically_relative(dir).string();
-    if (directory) dir_modes[name] = static_cast<int>(status.permissions());
+    if (directory) (*dir_modes)[name] = static_cast<int>(status.permissions());
     state[name] = what;
-  }
-  for (const auto& [name, what] : state) {
-    *identity += name + '\0' + std::to_string(what.size()) + '\0' + what +
-                 std::to_string(dir_modes.count(name) != 0 ? dir_modes[name] : -1) + '\n';
   }
   return state;
 }
 
-// What the last start published: the property store, one name=value line per
-// property, but for the properties it began with (|boot|).
-std::string published(const std::map<std::string, std::string>& boot) {
+// A tree as read_state gives it, whole.
+std::string identity_of(const OdmState& state, const std::map<std::string, int>& dir_modes) {
+  std::string identity;
+  for (const auto& [name, what] : state) {
+    const auto mode = dir_modes.find(name);
+    identity += name + '\0' + std::to_string(what.size()) + '\0' + what +
+                std::to_string(mode != dir_modes.end() ? mode->second : -1) + '\n';
+  }
+  return identity;
+}
+
+// What the last start published: the property store, but for the
+// properties it began with (|boot|).
+std::map<std::string, std::string> published(const std::map<std::string, std::string>& boot) {
   std::map<std::string, std::string> store;
   std::error_code ec;
   for (const auto& entry : fs::directory_iterator(host(tarnwick_host::kPropertyDir), ec)) {
-    store[entry.path().filename()] = bytes_of(entry.path());
+    const std::string value = bytes_of(entry.path());
+    const auto it = boot.find(entry.path().filename());
+    if (it == boot.end() || it->second != value) store[entry.path().filename()] = value;
   }
+  return store;
+}
+
+// |props|, one name=value line each.
+std::string as_text(const std::map<std::string, std::string>& props) {
   std::string text;
-  for (const auto& [name, value] : store) {
-    const auto it = boot.find(name);
-    if (it == boot.end() || it->second != value) text += name + "=" + value + "\n";
-  }
+  for (const auto& [name, value] : props) text += name + "=" + value + "\n";
   return text;
 }
 
@@ -201,6 +215,25 @@ struct Step {
   bool restarts = false, provisioned = false;
 };
 
+// A state's installed stamp, as the checker read it: whether /odm has one,
+// and its bytes. Not |known| where a start could meet it otherwise than these
+// say: not a regular file, unreadable, or with a link in /odm through which
+// a start's writes could reach it.
+struct Installed {
+  bool known = false;
+  bool present = false;
+  std::string bytes;
+};
+
+// A start that stands for those that read alike but for the two version
+// lines: the stamps it found, what it published and how it ended.
+struct Shared {
+  Step step;
+  Installed before;
+  std::string source;  // the source version line
+  std::map<std::string, std::string> props;
+};
+
 // A device after its starts: until one asks for no restart, or kMaxStarts.
 struct Settled {
   size_t state = 0;
@@ -218,7 +251,13 @@ struct Devices {
   bool has_default = false;  // whether it ships a default configuration
   size_t held = SIZE_MAX;    // the state /odm holds, if any
   std::vector<OdmState> states{};
+  std::vector<std::map<std::string, int>> dir_modes{};  // each state's, as read_state gives them
   std::vector<std::string> lines{};  // each state's installed version line
+  std::vector<Installed> installed{};  // each state's installed stamp
+  std::vector<std::string> shapes{};  // each state without its stamp's bytes, once asked
+  // States no start has left /odm in, each as a saved state with other stamp bytes.
+  std::map<size_t, std::pair<size_t, std::string>> unsaved{};
+  std::map<std::string, Shared> shared{};
   std::map<std::string, size_t> ids{}, numbers{};
   std::map<std::string, Step> steps{};
   std::map<std::string, Settled> settled{};
@@ -242,28 +281,96 @@ void use_release_of(Devices* d, int release) {
   d->has_default = exists_file(kDefaultConfigPath);
 }
 
+// Where /odm keeps its stamp, relative to /odm.
+const std::string& stamp_name() {
+  static const std::string name = fs::path(kInstalledStampPath).lexically_relative("/odm");
+  return name;
+}
+
+// The last line of |bytes|, as the program reads a version line.
+std::string last_line(const std::string& bytes) {
+  std::string line;
+  if (bytes.empty()) return line;
+  std::unique_ptr<FILE, int (*)(FILE*)> file(fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "r"), fclose);
+  for (std::string read; file && read_line(file.get(), &read);) line = read;
+  return line;
+}
+
+// The installed stamp of |state|, which /odm holds.
+Installed installed_stamp(const OdmState& state) {
+  const std::string link = std::to_string(static_cast<int>(fs::file_type::symlink)) + " ";
+  const std::string regular = std::to_string(static_cast<int>(fs::file_type::regular)) + " ";
+  Installed out;
+  for (const auto& [name, what] : state) {
+    if (what.rfind(link, 0) == 0) return out;
+  }
+  const auto it = state.find(stamp_name());
+  if (it == state.end()) {
+    out.known = true;
+    return out;
+  }
+  struct stat st;
+  const std::string path = host(kInstalledStampPath);
+  if (it->second.rfind(regular, 0) != 0 || lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+      st.st_size >= (1 << 20)) {
+    return out;
+  }
+  out.bytes = read_regular(path);
+  out.present = true;
+  out.known = out.bytes.size() == static_cast<size_t>(st.st_size);
+  return out;
+}
+
+// The number of |state|, a new one when no state was like it; |added| says which.
+size_t add_state(Devices* d, OdmState state, std::map<std::string, int> modes, const std::string& line,
+                 Installed stamp, bool* added) {
+  const auto [it, fresh] = d->ids.emplace(identity_of(state, modes), d->states.size());
+  *added = fresh;
+  if (fresh) {
+    d->states.push_back(std::move(state));
+    d->dir_modes.push_back(std::move(modes));
+    d->lines.push_back(line);
+    d->installed.push_back(std::move(stamp));
+    d->shapes.emplace_back();
+  }
+  return it->second;
+}
+
 // The state /odm holds now, numbered, saved when new.
 size_t note_state(Devices* d) {
-  std::string identity;
-  OdmState state = read_state(host("/odm"), &identity);
-  const auto [it, added] = d->ids.emplace(identity, d->states.size());
-  if (added) {
-    d->states.push_back(std::move(state));
-    std::string line;
-    if (UniqueFile stamp = open_file(kInstalledStampPath, "r")) {
-      for (std::string read; read_line(stamp.get(), &read);) line = read;
-    }
-    d->lines.push_back(line);
-    save_odm(host(kSaved + std::to_string(it->second)));
+  std::map<std::string, int> modes;
+  OdmState state = read_state(host("/odm"), &modes);
+  std::string line;
+  if (UniqueFile stamp = open_file(kInstalledStampPath, "r")) {
+    for (std::string read; read_line(stamp.get(), &read);) line = read;
   }
-  d->held = it->second;
-  return it->second;
+  Installed stamp = installed_stamp(state);
+  bool added;
+  const size_t n = add_state(d, std::move(state), std::move(modes), line, std::move(stamp), &added);
+  // A state worked out before and now met is saved as it is met.
+  if (d->unsaved.erase(n) != 0 || added) save_odm(host(kSaved + std::to_string(n)));
+  d->held = n;
+  return n;
 }
 
 void hold(Devices* d, size_t state) {
   if (d->held == state) return;
-  restore_odm(host(kSaved + std::to_string(state)));
-  d->held = state;
+  const auto pending = d->unsaved.find(state);
+  if (pending == d->unsaved.end()) {
+    restore_odm(host(kSaved + std::to_string(state)));
+    d->held = state;
+    return;
+  }
+  // The saved state it differs from, with its own stamp bytes.
+  const auto [saved, bytes] = pending->second;
+  hold(d, saved);
+  d->held = SIZE_MAX;
+  const std::string path = host(kInstalledStampPath);
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0 || chmod(path.c_str(), 0600) != 0) fail("cannot write " + path + ": " + strerror(errno));
+  write_file(path, bytes);
+  if (chmod(path.c_str(), st.st_mode & 07777) != 0) fail("cannot write " + path + ": " + strerror(errno));
+  if (note_state(d) != state) fail("a device state in " + host("") + " did not come out as worked out");
 }
 
 // The configuration /odm holds, by the digest of its bytes as a start reads them.
@@ -331,25 +438,135 @@ std::pair<std::string, std::string> final_tree(Devices* d, const std::string& mo
   return known->second = {final_model, tree};
 }
 
-// The source stamp a start of |product| reads, by the digest of its bytes.
-const std::string& source_stamp(Devices* d, const std::string& product) {
-  const std::string release = std::to_string(d->release);
-  std::string& number = d->texts[key_of({"stamp", release, product})];
-  if (!number.empty()) return number;
-  // A path whose first component is no entry of the release leads nowhere:
-  // most product texts read the default stamp, which is read once.
+// The source stamp a start of |product| reads, when it reads one: a path
+// whose first component is no entry of the release leads nowhere, so most
+// product texts read the default stamp.
+std::string source_path(Devices* d, const std::string& product) {
   auto [entries, listed] = d->entries.emplace(d->release, std::set<std::string>());
   if (listed) {
     for (const auto& entry : list_dir(fs::path(kModelTreePrefix).parent_path())) entries->second.insert(entry.first);
   }
   const std::string sku = sku_stamp_path(product);
   const bool own = entries->second.count("odm_" + product.substr(0, product.find('/'))) != 0 && exists_file(sku);
-  std::string& digest = d->texts[key_of({"stamp of", release, own ? sku : kDefaultStampPath})];
+  return own ? sku : kDefaultStampPath;
+}
+
+// The source stamp a start of |product| reads, by the digest of its bytes.
+const std::string& source_stamp(Devices* d, const std::string& product) {
+  const std::string release = std::to_string(d->release);
+  std::string& number = d->texts[key_of({"stamp", release, product})];
+  if (!number.empty()) return number;
+  const std::string path = source_path(d, product);
+  std::string& digest = d->texts[key_of({"stamp of", release, path})];
   if (digest.empty()) {
-    const UniqueFile file = open_file(own ? sku : kDefaultStampPath, "r");
+    const UniqueFile file = open_file(path, "r");
     digest = std::to_string(intern(&d->numbers, file ? "=" + release_digest(fileno(file.get()), releases_dir()) : "<none>"));
   }
   return number = digest;
+}
+
+// True when the file open at |fd| is a regular file that device path |path|
+// names without a link on the way: one of the release's own, which no start
+// writes.
+bool at_own_path(int fd, const std::string& path) {
+  static const std::string root = fs::weakly_canonical(host("")).string();
+  char at[PATH_MAX];
+  struct stat st;
+  const ssize_t n = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), at, sizeof(at));
+  return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && n > 0 && std::string(at, n) == root + path;
+}
+
+// The version line a start of |product| takes from the source stamp, a "+"
+// before it; empty when the stamp may read otherwise in another start.
+const std::string& source_line(Devices* d, const std::string& product) {
+  const std::string path = source_path(d, product);
+  std::string& line = d->texts[key_of({"line of", std::to_string(d->release), path})];
+  if (!line.empty()) return line;
+  line = "-";
+  const UniqueFile file = open_file(path, "r");
+  if (!file || at_own_path(fileno(file.get()), path)) {
+    line = "+";
+    for (std::string read; file && read_line(file.get(), &read);) line = "+" + read;
+  }
+  return line;
+}
+
+// What a start reads of the release in place besides the stamps and the
+// model's tree: its default configuration, by its bytes where it is the
+// release's own file, else the release itself.
+const std::string& release_reads(Devices* d) {
+  std::string& reads = d->texts[key_of({"reads", std::to_string(d->release)})];
+  if (!reads.empty()) return reads;
+  reads = "own";
+  if (!d->has_default) return reads;
+  const UniqueFile file = open_file(kDefaultConfigPath, "r");
+  reads = file && at_own_path(fileno(file.get()), kDefaultConfigPath)
+              ? "default " + std::to_string(intern(&d->numbers, digest_of(fileno(file.get()))))
+              : "release " + std::to_string(d->release);
+  return reads;
+}
+
+// State |state| but for its stamp's bytes.
+const std::string& shape(Devices* d, size_t state) {
+  std::string& out = d->shapes[state];
+  if (!out.empty()) return out;
+  OdmState bare = d->states[state];
+  const auto it = bare.find(stamp_name());
+  if (it != bare.end()) it->second = it->second.substr(0, it->second.rfind(' ') + 1);
+  return out = identity_of(bare, d->dir_modes[state]);
+}
+
+// How a start with installed stamp |in| and source version line |source|
+// goes: on to provision, or not, and with which line published; empty when
+// what it publishes could not be worked out from another start's.
+std::string stamp_class(const Installed& in, const std::string& source) {
+  if (!in.present) return "missing";
+  if (in.bytes.empty()) return "empty";
+  const std::string line = last_line(in.bytes);
+  if (line != source) return "unequal";
+  const bool plain = line.find('\0') == std::string::npos && tarnwick_host::is_valid_utf8(line.c_str());
+  return plain ? "equal" : "";
+}
+
+// The step of a start that reads as |shared|'s did but for installed stamp
+// |in| and source version line |source|: each line that start left or
+// published, in its place. Nullopt when what it left cannot be told apart.
+std::optional<Step> step_like(Devices* d, const Shared& shared, const Installed& in, const std::string& source) {
+  const size_t left = shared.step.next;
+  const Installed after = d->installed[left];
+  if (!after.known || (!after.present && shared.before.present)) return std::nullopt;
+  Installed out = after;
+  if (after.present) {
+    // The start wrote its source line, or kept its stamp: where its bytes
+    // could be either, both must give the same.
+    const bool written = after.bytes == shared.source;
+    const bool kept = shared.before.present && after.bytes == shared.before.bytes;
+    if ((!written && !kept) || (written && kept && source != in.bytes)) return std::nullopt;
+    out.bytes = written ? source : in.bytes;
+  }
+  std::map<std::string, std::string> props = shared.props;
+  const auto version = props.find(kVersionProperty);
+  if (version != props.end()) {
+    if (version->second != last_line(shared.before.bytes)) return std::nullopt;
+    version->second = last_line(in.bytes);
+  }
+  Step step = shared.step;
+  step.published = as_text(props);
+  if (out.bytes == after.bytes) return step;
+  OdmState state = d->states[left];
+  std::string& what = state[stamp_name()];
+  const int bytes = memfd_create("stamp", MFD_CLOEXEC);
+  size_t done = 0;
+  for (ssize_t n = 0; bytes >= 0 && done < out.bytes.size(); done += n) {
+    if ((n = write(bytes, out.bytes.data() + done, out.bytes.size() - done)) <= 0) break;
+  }
+  if (bytes < 0 || done != out.bytes.size()) fail(std::string("cannot write a memory file: ") + strerror(errno));
+  what = what.substr(0, what.rfind(' ') + 1) + digest_of(bytes);
+  close(bytes);
+  bool added;
+  step.next = add_state(d, std::move(state), d->dir_modes[left], last_line(out.bytes), out, &added);
+  if (added) d->unsaved[step.next] = {left, out.bytes};
+  return step;
 }
 
 // The inputs of setting |s| that no configuration decides: whether the
@@ -376,18 +593,33 @@ const Step* step(Devices* d, size_t state, size_t s, const std::string& product,
   const std::string& preliminary_model = preliminary(d, config_of(d, state), state, s, product);
   const auto [final_model, tree] = final_tree(d, preliminary_model);
   *model = final_model;
-  const std::string key = key_of({std::to_string(d->release), std::to_string(state), source_stamp(d, product),
-                                  stale_hits(preliminary_model, d->states[state]), tree, inputs});
+  const std::string& reads = release_reads(d);
+  const std::string hits = stale_hits(preliminary_model, d->states[state]);
+  const std::string key = key_of({reads, std::to_string(state), source_stamp(d, product), hits, tree, inputs});
   const auto it = d->steps.find(key);
   if (it != d->steps.end()) return &it->second;
+  // Starts that read alike but for the installed and source version lines
+  // end alike but for them: most devices of different releases differ there.
+  const Installed before = d->installed[state];
+  const std::string& source = source_line(d, product);
+  const std::string how = before.known && source[0] == '+' ? stamp_class(before, source.substr(1)) : "";
+  const std::string like = how.empty() ? "" : key_of({reads, shape(d, state), how, hits, tree, inputs});
+  const auto shared = d->shared.find(like);
+  if (shared != d->shared.end()) {
+    if (std::optional<Step> same = step_like(d, shared->second, before, source.substr(1))) {
+      return &(d->steps[key] = *same);
+    }
+  }
   hold(d, state);
   const Setting& setting = d->report.settings[s];
   if (!start_program(d->options, setting, product)) return nullptr;
   Step done;
   done.provisioned = !stamps_were_equal();
   done.restarts = restart_requested();
-  done.published = published(boot_properties(d->options, setting, product));
+  const auto props = published(boot_properties(d->options, setting, product));
+  done.published = as_text(props);
   done.next = note_state(d);
+  if (!like.empty() && start_ended()) d->shared.emplace(like, Shared{done, before, source.substr(1), props});
   return &(d->steps[key] = done);
 }
 

@@ -57,6 +57,8 @@ std::vector<std::vector<std::string>> differing;
 
 std::string root_path;
 std::vector<Finding> start_findings;
+// Whether the last start ended by itself, with status 0.
+bool last_start_ended = false;
 
 // The program that runs the device starts: beside this checker in a build
 // tree, else where an install puts it.
@@ -440,6 +442,7 @@ bool start_program(const Options& options, const Setting& setting, const std::st
                               "(cmake --install build)");
     return false;
   }
+  last_start_ended = false;
   std::string started;
   for (const auto& [name, value] : boot_properties(options, setting, product)) {
     if (!value.empty()) started += (started.empty() ? "" : " ") + name + "=" + value;
@@ -455,9 +458,13 @@ bool start_program(const Options& options, const Setting& setting, const std::st
             "copy of the tree with tools/run-device to see why\n", printable(argv.back()).c_str(),
             WEXITSTATUS(status));
     return false;
+  } else {
+    last_start_ended = true;
   }
   return true;
 }
+
+bool start_ended() { return last_start_ended; }
 
 bool stamps_were_equal() {
   return fs::exists(host(tarnwick_host::kPropertyDir) + "/" + kVersionProperty);

@@ -23,6 +23,11 @@ namespace {
 // The regular files the copies of the inputs hold: their count and bytes.
 unsigned long long input_bytes = 0, input_files = 0;
 
+// While the old releases are copied: the files copied so far, by mode, size
+// and digest. A file like one of them becomes another link to it (releases
+// repeat their files, and on some disks every file made costs).
+std::map<std::string, std::string>* copied = nullptr;
+
 const size_t kChunk = 1 << 20;
 
 // Two chunks, for reads and compares that never call one another: made once,
@@ -207,6 +212,12 @@ void copy_entry(int from, int to, int like, const std::string& name, const std::
     if (in.fd >= 0 && same_as(in.fd, st, like, name)) {
       if (linkat(like, name.c_str(), to, to_name.c_str(), 0) == 0) return;
     }
+    std::string* first = nullptr;
+    if (in.fd >= 0 && copied != nullptr) {
+      first = &(*copied)[std::to_string(st.st_mode) + ' ' + std::to_string(st.st_size) + ' ' + digest_of(in.fd)];
+      if (!first->empty() && linkat(AT_FDCWD, first->c_str(), to, to_name.c_str(), 0) == 0) return;
+      *first = where;
+    }
     Fd out(openat(to, to_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (out.fd < 0) write_failed("make the file", where);
     if (in.fd < 0) {
@@ -288,7 +299,10 @@ void copy_input(const std::string& from, const std::string& to, const std::strin
   std::vector<std::string> their_names;
   if (differing != nullptr) {
     if (theirs.fd < 0 || !names_in(theirs.fd, &their_names)) write_failed("read", like);
+    static std::map<std::string, std::string> files;
+    copied = &files;
     copy_differences(in.fd, theirs.fd, names, their_names, top.fd, "", label, to, notes, differing);
+    copied = nullptr;
   } else {
     for (const std::string& child : names) {
       copy_entry(in.fd, top.fd, theirs.fd, child, child, label, child, to, notes);

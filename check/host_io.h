@@ -41,7 +41,8 @@ std::string make_scratch_root();
 // |to| holds only where |from| is not what |like| is: each such path (relative
 // to the top; a directory of the same mode in both is looked into) is added
 // to |differing|, and |from|'s entry there, if it has one, is copied to |to|
-// under the path's number in |differing|.
+// under the path's number in |differing|; a regular file there with the mode
+// and bytes of one copied so before becomes another link to it.
 void copy_input(const std::string& from, const std::string& to, const std::string& label,
                 CopyNotes* notes, const std::string& like = "",
                 std::vector<std::string>* differing = nullptr);

@@ -14,6 +14,7 @@
 #include <random>
 #include <set>
 
+#include "tests/alone.h"
 #include "tests/harness.h"
 
 namespace fs = std::filesystem;
@@ -537,6 +538,55 @@ TEST(Courses, SamplesAsStartedByHand) {
   compare(nullptr, {TARNWICK_CHECK, "--json", "--rollback", "--update-from", dir + "/old2", dir + "/new2"},
           roots(dir, dir + "/old2", dir + "/new2", "", true));
   remove_root(dir);
+}
+
+// Several releases in the field at once, each a step after the one before
+// (and at times the new one itself): each gets what it gets alone, though
+// their devices share starts wherever they read alike.
+TEST(Courses, SeveralReleasesAsEachAlone) {
+  const std::string dir = make_root();
+  const auto checked = [&](std::vector<std::string> args) {
+    std::vector<std::string> argv = wrapper();
+    argv.insert(argv.end(), {TARNWICK_CHECK, "--json"});
+    argv.insert(argv.end(), args.begin(), args.end());
+    spawn(argv, dir + ".out", dir + ".err");
+    return json::parse(get(dir + ".out"), nullptr, false);
+  };
+  for (int i = 0; i < std::max(2, cases / 10); ++i) {
+    const unsigned number = seed + i;
+    fs::remove_all(dir);
+    Gen g{std::mt19937(number)};
+    std::vector<std::string> releases;
+    Files files = first_release(g);
+    for (int k = 0; k < 3; ++k) {
+      releases.push_back(dir + "/r" + std::to_string(k));
+      write(releases.back(), files);
+      files = next_release(g, files);
+    }
+    write(dir + "/new", files);
+    if (g.chance(30)) releases.push_back(dir + "/new");
+    std::vector<std::string> args;
+    if (g.chance(50)) args.push_back("--rollback");
+    for (int n = g.chance(50) ? 2 + g.pick(3) : 0; n > 0; --n) {
+      args.push_back("--product=" + g.one({"p", "q", "r", "q_RU", "A", "B_RU", "C", "VX41", ""}));
+    }
+    std::vector<json> alone;
+    for (const std::string& r : releases) {
+      std::vector<std::string> one = args;
+      one.insert(one.end(), {"--update-from", r, dir + "/new"});
+      alone.push_back(checked(one));
+    }
+    for (const std::string& r : releases) args.insert(args.end(), {"--update-from", r});
+    args.push_back(dir + "/new");
+    expect_each_as_alone(checked(args), alone, false);
+    if (HasFailure()) {
+      ADD_FAILURE() << "case " << number << " (--seed " << number << ") differs";
+      break;
+    }
+  }
+  remove_root(dir);
+  fs::remove(dir + ".out");
+  fs::remove(dir + ".err");
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 
 #include "check/release_input.h"
 #include "check/release_tree.h"
+#include "tests/alone.h"
 #include "tests/harness.h"
 
 namespace fs = std::filesystem;
@@ -469,55 +470,9 @@ TEST(Release, EachReleaseInTheFieldAsIfAlone) {
   for (const std::string& r : releases) args.insert(args.end(), {"--update-from", r});
   args.push_back(tree);
   const json all = report(args, &status);
-  ASSERT_TRUE(all.is_object());
-  ASSERT_EQ(all["rows"][0]["update"].size(), releases.size());
-  // A finding as a single run says it: without the releases it comes from.
-  const auto alone_words = [](const json& f) {
-    std::string message = f["message"];
-    const size_t from = message.rfind("; from ");
-    if (from != std::string::npos) message = message.substr(0, from) + ")";
-    return std::string(f["code"]) + " " + std::string(f["subject"]) + ": " + message;
-  };
-  std::map<std::string, std::set<size_t>> found;  // finding -> releases
-  for (const json& f : all["findings"]) {
-    const std::set<size_t> from = f["releases"];
-    EXPECT_TRUE(found.emplace(alone_words(f), from).second) << "given twice: " << f.dump();
-  }
-  std::map<std::string, std::set<size_t>> expected;
-  for (size_t k = 0; k < releases.size(); ++k) {
-    SCOPED_TRACE(releases[k]);
-    const json alone = report({"--rollback", "--update-from", releases[k], tree}, &status);
-    ASSERT_EQ(alone["settings"], all["settings"]);
-    for (const json& f : alone["findings"]) {
-      std::set<size_t>& from = expected[alone_words(f)];
-      if (!f["releases"].empty()) from.insert(k);
-    }
-    // Every product text under every setting: the course release k gives it.
-    for (const json& row : all["rows"]) {
-      for (const json& product : row["products"]) {
-        for (const json& setting : row["settings"]) {
-          const json* same = nullptr;
-          for (const json& r : alone["rows"]) {
-            const auto& p = r["products"];
-            const auto& s = r["settings"];
-            if (std::find(p.begin(), p.end(), product) != p.end() &&
-                std::find(s.begin(), s.end(), setting) != s.end()) {
-              same = &r;
-            }
-          }
-          ASSERT_NE(same, nullptr) << product;
-          for (const char* course : {"update", "rollback"}) {
-            json mine = row[course][k], its = (*same)[course][0];
-            EXPECT_EQ(mine["release"], k);
-            mine.erase("release");
-            its.erase("release");
-            EXPECT_EQ(mine, its) << course << " of " << product << " under setting " << setting;
-          }
-        }
-      }
-    }
-  }
-  EXPECT_EQ(found, expected);
+  std::vector<json> alone;
+  for (const std::string& r : releases) alone.push_back(report({"--rollback", "--update-from", r, tree}, &status));
+  expect_each_as_alone(all, alone, true);
   remove_unpacked(dir.c_str());
 }
 
