@@ -19,7 +19,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <optional>
 #include <sstream>
+#include <thread>
 
 #include "check/check.h"
 #include "check/host_io.h"
@@ -232,10 +234,31 @@ void make_device(const Options& options, const std::string& tree,
     write_file(host(replace ? kDefaultConfigPath : kCheckConfig), read_config(options.config, tree));
   }
   if (!options.installed.empty()) copy_input(options.installed, host(kCheckInstalled), options.installed, notes);
+  // The old releases are read two at a time: each is compared with the
+  // copy of the tree, which nothing writes to any more.
   differing.resize(old_trees.size());
+  std::vector<CopyNotes> old_notes(old_trees.size());
+  std::vector<std::optional<Failure>> failures(old_trees.size());
+  const auto copy_old = [&](size_t first) {
+    throw_on_fail();
+    for (size_t k = first; k < old_trees.size(); k += 2) {
+      try {
+        copy_input(old_trees[k], host(kCheckReleases + std::to_string(k)), options.update_from[k], &old_notes[k],
+                   host(fs::path(kModelTreePrefix).parent_path()), &differing[k]);
+      } catch (const Failure& failure) {
+        failures[k] = failure;
+        return;
+      }
+    }
+  };
+  std::vector<std::thread> threads;
+  for (size_t first = 0; first < std::min<size_t>(2, old_trees.size()); ++first) threads.emplace_back(copy_old, first);
+  for (std::thread& thread : threads) thread.join();
   for (size_t k = 0; k < old_trees.size(); ++k) {
-    copy_input(old_trees[k], host(kCheckReleases + std::to_string(k)), options.update_from[k], notes,
-               host(fs::path(kModelTreePrefix).parent_path()), &differing[k]);
+    if (failures[k]) fail(failures[k]->what);
+    for (std::vector<CopyNote> CopyNotes::*list : {&CopyNotes::unreadable, &CopyNotes::special}) {
+      (notes->*list).insert((notes->*list).end(), (old_notes[k].*list).begin(), (old_notes[k].*list).end());
+    }
   }
 }
 

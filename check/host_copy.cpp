@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <memory>
 
@@ -21,19 +22,19 @@
 namespace {
 
 // The regular files the copies of the inputs hold: their count and bytes.
-unsigned long long input_bytes = 0, input_files = 0;
+std::atomic<unsigned long long> input_bytes{0}, input_files{0};
 
 // While the old releases are copied: the files copied so far, by mode, size
 // and digest. A file like one of them becomes another link to it (releases
 // repeat their files, and on some disks every file made costs).
-std::map<std::string, std::string>* copied = nullptr;
+thread_local std::map<std::string, std::string>* copied = nullptr;
 
 const size_t kChunk = 1 << 20;
 
-// Two chunks, for reads and compares that never call one another: made once,
-// not for every small file.
+// Two chunks, for reads and compares that never call one another: made once
+// for each thread that copies, not for every small file.
 char* chunks() {
-  static const std::unique_ptr<char[]> buf(new char[2 * kChunk]);
+  thread_local const std::unique_ptr<char[]> buf(new char[2 * kChunk]);
   return buf.get();
 }
 
@@ -299,7 +300,7 @@ void copy_input(const std::string& from, const std::string& to, const std::strin
   std::vector<std::string> their_names;
   if (differing != nullptr) {
     if (theirs.fd < 0 || !names_in(theirs.fd, &their_names)) write_failed("read", like);
-    static std::map<std::string, std::string> files;
+    thread_local std::map<std::string, std::string> files;
     copied = &files;
     copy_differences(in.fd, theirs.fd, names, their_names, top.fd, "", label, to, notes, differing);
     copied = nullptr;

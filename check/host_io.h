@@ -30,6 +30,13 @@ std::string make_scratch_root();
 // Ends the checker: one line "tarnwick-check: |what|" on standard error, with
 // control bytes escaped, and exit status 2 (the scratch root goes at exit).
 [[noreturn]] void fail(const std::string& what);
+// In a thread that copies beside others, after throw_on_fail(), fail throws
+// the Failure instead; whoever started the thread ends the checker with it
+// once the others are done, so that none writes to a scratch root that goes.
+struct Failure {
+  std::string what;
+};
+void throw_on_fail();
 
 // Copies host directory |from| to |to| (which must not exist): directories,
 // files (holes kept), links as they are, FIFOs and sockets as what they are;
@@ -48,6 +55,7 @@ void copy_input(const std::string& from, const std::string& to, const std::strin
                 std::vector<std::string>* differing = nullptr);
 
 // The bytes and the number of the regular files copied by copy_input so far.
+// Copies of different inputs may run at once, each in a thread of its own.
 std::pair<unsigned long long, unsigned long long> input_size();
 
 // The same for copies inside the scratch root; what they meet is not noted.

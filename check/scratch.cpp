@@ -68,7 +68,14 @@ void sweep(const std::string& tmp) {
 
 }  // namespace
 
+namespace {
+thread_local bool fail_throws = false;
+}  // namespace
+
+void throw_on_fail() { fail_throws = true; }
+
 void fail(const std::string& what) {
+  if (fail_throws) throw Failure{what};
   fprintf(stderr, "tarnwick-check: %s\n", printable(what).c_str());
   exit(2);
 }
