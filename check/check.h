@@ -235,6 +235,10 @@ void use_release(int release);
 // a link in it) is the new release's own in release |release|, all the way
 // down: then it holds no link either, and reads alike in both.
 bool same_as_new(int release, const std::string& path);
+// True when the entries of release |release| whose names begin |name| (a
+// name without a '/': "odm_A" for "odm_A_RU" too) are the new release's own,
+// all the way down.
+bool prefixes_as_new(int release, const std::string& name);
 // Replaces /odm with a copy of host directory |from|, modes and links kept.
 void restore_odm(const std::string& from);
 // Copies /odm to host directory |to|, modes and links kept.

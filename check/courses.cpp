@@ -424,7 +424,13 @@ const std::string& preliminary(Devices* d, const std::string& config, size_t sta
 std::pair<std::string, std::string> final_tree(Devices* d, const std::string& model) {
   auto [known, added] = d->final_trees.emplace(std::make_pair(d->release, model), std::pair<std::string, std::string>());
   if (!added) return known->second;
-  const std::string final_model = confirm_model_source(model, kProvisioningRun);
+  // The answer reads the trees whose names begin the model's tree's name
+  // (the model's own, and the model's without a suffix): where each is the
+  // new release's, it is the new one's.
+  const bool reads_new = model.find('/') == std::string::npos && prefixes_as_new(d->release, "odm_" + model);
+  std::string& confirmed = d->texts[key_of({"final", reads_new ? "new" : std::to_string(d->release), model})];
+  if (confirmed.empty()) confirmed = "=" + confirm_model_source(model, kProvisioningRun);
+  const std::string final_model = confirmed.substr(1);
   // A tree an old release has as the new one has it reads as the new one's.
   const bool plain_name = final_model.find('/') == std::string::npos;
   const bool as_new = plain_name && same_as_new(d->release, "odm_" + final_model);
@@ -441,14 +447,19 @@ std::pair<std::string, std::string> final_tree(Devices* d, const std::string& mo
 // The source stamp a start of |product| reads, when it reads one: a path
 // whose first component is no entry of the release leads nowhere, so most
 // product texts read the default stamp.
-std::string source_path(Devices* d, const std::string& product) {
+const std::string& source_path(Devices* d, const std::string& product) {
+  // A tree that is the new release's reads as the new one's.
+  const std::string tree = "odm_" + product.substr(0, product.find('/'));
+  const bool as_new = product.find('/') == std::string::npos && same_as_new(d->release, tree);
+  std::string& path = d->texts[key_of({"source", as_new ? "new" : std::to_string(d->release), product})];
+  if (!path.empty()) return path;
   auto [entries, listed] = d->entries.emplace(d->release, std::set<std::string>());
   if (listed) {
     for (const auto& entry : list_dir(fs::path(kModelTreePrefix).parent_path())) entries->second.insert(entry.first);
   }
   const std::string sku = sku_stamp_path(product);
-  const bool own = entries->second.count("odm_" + product.substr(0, product.find('/'))) != 0 && exists_file(sku);
-  return own ? sku : kDefaultStampPath;
+  const bool own = entries->second.count(tree) != 0 && exists_file(sku);
+  return path = own ? sku : kDefaultStampPath;
 }
 
 // The source stamp a start of |product| reads, by the digest of its bytes.

@@ -160,6 +160,8 @@ std::string read_config(const std::string& path, const std::string& tree) {
 // (its ".." changes), as does the directory |a| leaves or enters: each is
 // given it for the move and then has its own mode back.
 void swap_entries(const std::string& a, const std::string& b) {
+  // Most swaps are of two entries that may move as they are.
+  if (renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0) return;
   const std::string parent = a.substr(0, a.rfind('/'));
   struct stat at_a, at_b, up;
   const bool has_a = lstat(a.c_str(), &at_a) == 0, has_b = lstat(b.c_str(), &at_b) == 0;
@@ -323,6 +325,14 @@ bool same_as_new(int release, const std::string& path) {
   if (release == kNewRelease) return true;
   for (const std::string& apart : differing[release]) {
     if (apart == path || apart.rfind(path + "/", 0) == 0 || path.rfind(apart + "/", 0) == 0) return false;
+  }
+  return true;
+}
+
+bool prefixes_as_new(int release, const std::string& name) {
+  if (release == kNewRelease) return true;
+  for (const std::string& apart : differing[release]) {
+    if (name.rfind(apart.substr(0, apart.find('/')), 0) == 0) return false;
   }
   return true;
 }

@@ -237,11 +237,19 @@ bool may_exist(const std::set<std::string>& entries, const std::string& name) {
   return entries.count("odm_" + name.substr(0, name.find('/'))) != 0;
 }
 
-// The source stamp each of |products| reads, in the release at /vendor/etc/odm.
-std::vector<std::string> stamps_of(const std::set<std::string>& products) {
+// The source stamp each of |products| reads, in release |release| at
+// /vendor/etc/odm; where a product's tree is the new release's, the new
+// one's (|new_stamps|, the new release's own, unless |release| is it).
+std::vector<std::string> stamps_of(const std::set<std::string>& products, int release,
+                                   const std::vector<std::string>& new_stamps) {
   const std::set<std::string> entries = release_entries();
   std::vector<std::string> stamps;
   for (const std::string& product : products) {
+    const size_t p = stamps.size();
+    if (release != kNewRelease && product.find('/') == std::string::npos && same_as_new(release, "odm_" + product)) {
+      stamps.push_back(new_stamps[p]);
+      continue;
+    }
     const std::string sku = sku_stamp_path(product);
     stamps.push_back(may_exist(entries, product) && exists_file(sku) ? sku : kDefaultStampPath);
   }
@@ -389,7 +397,7 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
 
   // answers[p][s]: the answer for product p under setting s.
   std::vector<std::vector<Answer>> answers(products.size());
-  const std::vector<std::string> stamps = stamps_of(products);
+  const std::vector<std::string> stamps = stamps_of(products, kNewRelease, {});
   for (size_t s = 0; s < report->settings.size(); ++s) {
     const Lookups lookups(tables[s]);
     size_t p = 0;
@@ -412,7 +420,7 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
   for (size_t k = 0; k < old_tables.size(); ++k) {
     use_release(k);
     std::vector<uint32_t> old_stamps;
-    for (const std::string& stamp : stamps_of(products)) old_stamps.push_back(texts.id(stamp));
+    for (const std::string& stamp : stamps_of(products, k, stamps)) old_stamps.push_back(texts.id(stamp));
     Finals old_finals;
     std::vector<uint32_t> final_of_id;  // by preliminary's number
     for (size_t s = 0; s < report->settings.size(); ++s) {
@@ -425,7 +433,12 @@ bool resolve(const Options& options, const std::map<std::string, std::set<std::s
             same_tables ? new_preliminary[p][s] : texts.id(answer(product, *lookups, &old_finals).preliminary);
         if (final_of_id.size() <= preliminary) final_of_id.resize(texts.by_id.size(), UINT32_MAX);
         uint32_t& final_model = final_of_id[preliminary];
-        if (final_model == UINT32_MAX) final_model = texts.id(final_of(texts[preliminary], &old_finals));
+        if (final_model == UINT32_MAX) {
+          // Trees that are the new release's answer as the new one's.
+          const std::string& name = texts[preliminary];
+          const bool as_new = name.find('/') == std::string::npos && prefixes_as_new(k, "odm_" + name);
+          final_model = texts.id(final_of(name, as_new ? &finals : &old_finals));
+        }
         answers[p][s].old.insert(answers[p][s].old.end(), {preliminary, final_model, old_stamps[p]});
         ++p;
       }
