@@ -15,7 +15,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64;-L;/usr/aarch64-linux-gnu)
+# The loader and the C library at run time are both the arm64 multiarch
+# packages' (libc6:arm64, beside the other libraries): the cross compiler's
+# own copy under /usr/aarch64-linux-gnu is often another Debian revision of
+# glibc, and its loader with the multiarch libc.so.6 hangs the first thread.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64;-L;/)
 
 # pkg-config (through which FindOpenSSL looks) reads the target's package
 # files, not the host's.

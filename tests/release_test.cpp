@@ -471,7 +471,10 @@ TEST(Release, EachReleaseInTheFieldAsIfAlone) {
   args.push_back(tree);
   const json all = report(args, &status);
   std::vector<json> alone;
-  for (const std::string& r : releases) alone.push_back(report({"--rollback", "--update-from", r, tree}, &status));
+  for (const std::string& r : releases) {
+    alone.push_back(report({"--rollback", "--update-from", r, tree}, &status));
+    EXPECT_EQ(alone.back()["settings"], all["settings"]);  // so the findings are compared too
+  }
   expect_each_as_alone(all, alone, true);
   remove_unpacked(dir.c_str());
 }
