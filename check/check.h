@@ -23,6 +23,12 @@ inline constexpr char kCheckConfig[] = "/tarnwick-check/odmconfig.xml";
 inline constexpr char kCheckInstalled[] = "/tarnwick-check/installed";
 inline constexpr char kCheckReleases[] = "/tarnwick-check/release-";
 inline constexpr int kNewRelease = -1;
+// The properties a start reads its product text from, publishes the version
+// line in (only when it found the two stamps equal and so provisioned
+// nothing), and asks the platform for its restart through.
+inline constexpr char kProductProperty[] = "ro.vendor.product";
+inline constexpr char kVersionProperty[] = "ro.vendor.odm.version";
+inline constexpr char kRestartProperty[] = "sys.powerctl";
 struct CopyNotes;  // host_io.h
 
 // The version of the JSON document's layout: raised when a member changes its

@@ -7,7 +7,6 @@
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -37,9 +36,7 @@ const int kMaxStarts = 4;
 // The property the restart decision reads, and those a start writes: a value
 // a setting gives one of them changes what the start does.
 const char kHwconfigProperty[] = "ro.vendor.hwconfig.completed";
-// What a start that finds the two stamps equal publishes the version line in.
-const char kVersionProperty[] = "ro.vendor.odm.version";
-const char* const kWrittenProperties[] = {"ro.vendor.odm_restart", kVersionProperty, "sys.powerctl"};
+const char* const kWrittenProperties[] = {"ro.vendor.odm_restart", kVersionProperty, kRestartProperty};
 // How deep links to directories are followed in a tree.
 const int kMaxDepth = 8;
 
@@ -287,13 +284,18 @@ const std::string& stamp_name() {
   return name;
 }
 
-// The last line of |bytes|, as the program reads a version line.
-std::string last_line(const std::string& bytes) {
+// The last line of |file| (none: empty), as the program reads a version line.
+std::string last_line_of(FILE* file) {
   std::string line;
-  if (bytes.empty()) return line;
-  std::unique_ptr<FILE, int (*)(FILE*)> file(fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "r"), fclose);
-  for (std::string read; file && read_line(file.get(), &read);) line = read;
+  for (std::string read; file && read_line(file, &read);) line = read;
   return line;
+}
+
+// The same of |bytes|.
+std::string last_line(const std::string& bytes) {
+  if (bytes.empty()) return "";
+  std::unique_ptr<FILE, int (*)(FILE*)> file(fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "r"), fclose);
+  return last_line_of(file.get());
 }
 
 // The installed stamp of |state|, which /odm holds.
@@ -340,10 +342,7 @@ size_t add_state(Devices* d, OdmState state, std::map<std::string, int> modes, c
 size_t note_state(Devices* d) {
   std::map<std::string, int> modes;
   OdmState state = read_state(host("/odm"), &modes);
-  std::string line;
-  if (UniqueFile stamp = open_file(kInstalledStampPath, "r")) {
-    for (std::string read; read_line(stamp.get(), &read);) line = read;
-  }
+  const std::string line = last_line_of(open_file(kInstalledStampPath, "r").get());
   Installed stamp = installed_stamp(state);
   bool added;
   const size_t n = add_state(d, std::move(state), std::move(modes), line, std::move(stamp), &added);
@@ -566,14 +565,7 @@ std::optional<Step> step_like(Devices* d, const Shared& shared, const Installed&
   if (out.bytes == after.bytes) return step;
   OdmState state = d->states[left];
   std::string& what = state[stamp_name()];
-  const int bytes = memfd_create("stamp", MFD_CLOEXEC);
-  size_t done = 0;
-  for (ssize_t n = 0; bytes >= 0 && done < out.bytes.size(); done += n) {
-    if ((n = write(bytes, out.bytes.data() + done, out.bytes.size() - done)) <= 0) break;
-  }
-  if (bytes < 0 || done != out.bytes.size()) fail(std::string("cannot write a memory file: ") + strerror(errno));
-  what = what.substr(0, what.rfind(' ') + 1) + digest_of(bytes);
-  close(bytes);
+  what = what.substr(0, what.rfind(' ') + 1) + digest_of_bytes(out.bytes);
   bool added;
   step.next = add_state(d, std::move(state), d->dir_modes[left], last_line(out.bytes), out, &added);
   if (added) d->unsaved[step.next] = {left, out.bytes};

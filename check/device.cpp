@@ -36,10 +36,6 @@ namespace {
 const char kProgram[] = "tarnwick";
 // Where an installed checker finds the program, from its own directory.
 const char kInstalledProgramDir[] = TARNWICK_LIBEXEC_FROM_BIN;
-// Set only when a start found the two stamps equal, and so provisioned nothing.
-const char kVersionProperty[] = "ro.vendor.odm.version";
-// Where the platform's restart request is made.
-const char kRestartProperty[] = "sys.powerctl";
 // A start that has slept this long without running, reading or writing
 // waits for something that will not come (a FIFO's writer): it is stopped.
 // A start that wants the processor or waits on the disk is getting on.
@@ -404,7 +400,7 @@ std::map<std::string, std::string> boot_properties(const Options& options, const
   for (const auto& [name, value] : setting) {
     if (value) props[name] = *value;
   }
-  props["ro.vendor.product"] = product;
+  props[kProductProperty] = product;
   return props;
 }
 

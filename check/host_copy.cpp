@@ -352,19 +352,20 @@ std::string release_digest(int fd, const std::vector<std::string>& releases) {
   return known[std::make_pair(st.st_dev, st.st_ino)] = digest_of(fd);
 }
 
-std::string digest_of(int fd) {
-  std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+namespace {
+
+using DigestContext = std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)>;
+
+DigestContext digest_start() {
+  DigestContext ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
   EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr);
-  char* const buf = chunks();
-  for (off_t pos = 0;;) {
-    const ssize_t n = pread(fd, buf, kChunk, pos);
-    if (n <= 0) break;
-    EVP_DigestUpdate(ctx.get(), buf, n);
-    pos += n;
-  }
+  return ctx;
+}
+
+std::string digest_end(EVP_MD_CTX* ctx) {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
-  EVP_DigestFinal_ex(ctx.get(), md, &length);
+  EVP_DigestFinal_ex(ctx, md, &length);
   static const char kHex[] = "0123456789abcdef";
   std::string hex;
   for (unsigned int i = 0; i < length; ++i) {
@@ -372,4 +373,24 @@ std::string digest_of(int fd) {
     hex += kHex[md[i] & 15];
   }
   return hex;
+}
+
+}  // namespace
+
+std::string digest_of(int fd) {
+  const DigestContext ctx = digest_start();
+  char* const buf = chunks();
+  for (off_t pos = 0;;) {
+    const ssize_t n = pread(fd, buf, kChunk, pos);
+    if (n <= 0) break;
+    EVP_DigestUpdate(ctx.get(), buf, n);
+    pos += n;
+  }
+  return digest_end(ctx.get());
+}
+
+std::string digest_of_bytes(const std::string& bytes) {
+  const DigestContext ctx = digest_start();
+  EVP_DigestUpdate(ctx.get(), bytes.data(), bytes.size());
+  return digest_end(ctx.get());
 }

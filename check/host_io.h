@@ -73,6 +73,8 @@ std::string read_open(int fd, size_t limit);
 
 // A digest of the bytes of the regular file open at |fd| (SHA-256, hex).
 std::string digest_of(int fd);
+// The same digest of |bytes|.
+std::string digest_of_bytes(const std::string& bytes);
 // The same for a file of the releases in the scratch root (those under the
 // host directories |releases|), which nothing writes after their copy:
 // worked out once per file, however many names it has.

@@ -106,7 +106,7 @@ int parse(int argc, char** argv, Options* options) {
         if (!tarnwick_host::is_legal_property_name(name.c_str())) {
           return usage_error("--prop: " + shown(name) + " is not a legal property name");
         }
-        if (name == "ro.vendor.product") return usage_error("give product texts with --product");
+        if (name == kProductProperty) return usage_error("give product texts with --product");
         options->props[name] = arg.substr(eq + 1);
         break;
       }

@@ -19,7 +19,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const char kProductProperty[] = "ro.vendor.product";
 // More settings than this ask for --prop rather than a table nobody reads.
 const size_t kMaxSettings = 4096;
 
