@@ -494,10 +494,7 @@ const std::string& source_line(Devices* d, const std::string& product) {
   if (!line.empty()) return line;
   line = "-";
   const UniqueFile file = open_file(path, "r");
-  if (!file || at_own_path(fileno(file.get()), path)) {
-    line = "+";
-    for (std::string read; file && read_line(file.get(), &read);) line = "+" + read;
-  }
+  if (!file || at_own_path(fileno(file.get()), path)) line = "+" + last_line_of(file.get());
   return line;
 }
 

@@ -66,10 +66,9 @@ void sweep(const std::string& tmp) {
   }
 }
 
-}  // namespace
-
-namespace {
+// Set in a thread that copies beside others: fail throws there.
 thread_local bool fail_throws = false;
+
 }  // namespace
 
 void throw_on_fail() { fail_throws = true; }
